@@ -1,0 +1,7 @@
+// Everything CommonL exports.
+#pragma once
+
+#include "Handles.h"
+#include "WinApiEvents.h"
+#include "WinApiMisc.h"
+#include "WinApiProc.h"

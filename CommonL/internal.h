@@ -1,0 +1,104 @@
+// What crosses the library's source files and is not exported: the logging
+// rule, the system-call seam, the fixed paths and the per-kind helpers.
+// Not installed.
+#pragma once
+
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <stddef.h>
+#include <sys/time.h>
+#include <sys/types.h>
+#include <time.h>
+
+#include "Handles.h"
+#include "korvalogger.h"
+
+namespace commonl {
+
+// The logging rule, in one place: level 2 is the assertion level and always
+// issued; levels 3 and above only when the logger's level allows them.
+inline bool log_enabled(int level) { return level <= 2 || LoggerGetLevel() >= level; }
+
+// The system calls whose failures the library handles. Production points
+// them at libc; tests swap single entries to reach the failure paths and to
+// keep commands, clock changes and files off the machine.
+struct Sys {
+  int (*eventfd)(unsigned int initval, int flags);
+  ssize_t (*read)(int fd, void* buf, size_t count);
+  ssize_t (*write)(int fd, const void* buf, size_t count);
+  int (*ppoll)(struct pollfd* fds, nfds_t nfds, const struct timespec* timeout,
+               const sigset_t* sigmask);
+  void* (*calloc)(size_t nmemb, size_t size);
+  char* (*strdup)(const char* s);
+  int (*pthread_mutex_lock)(pthread_mutex_t* mutex);
+  int (*pthread_mutex_init)(pthread_mutex_t* mutex, const pthread_mutexattr_t* attr);
+  int (*system)(const char* command);
+  int (*settimeofday)(const struct timeval* tv, const struct timezone* tz);
+};
+extern Sys sys;
+
+// The installation's fixed files; tests point them at scratch files.
+struct Paths {
+  const char* sysinfo;    // /opt/Tessend/KORVA/resources/sysinfo.json
+  const char* hw_models;  // /opt/Tessend/KORVA/resources/hw-models.conf
+  const char* timezone;   // /etc/timezone
+};
+extern Paths paths;
+
+// True for a non-NULL record with the magic and the given type.
+inline bool handle_is(const void* h, v_handle_type_t type) {
+  auto* record = static_cast<const v_handle_t*>(h);
+  return record != nullptr && record->magic == V_HANDLE_MAGIC && record->type == type;
+}
+
+inline int ref_add(v_handle_t* h, int delta) {
+  return __atomic_add_fetch(&h->ref_count, delta, __ATOMIC_SEQ_CST);
+}
+
+// Takes a reference only while the count is above 0: a record whose count
+// has reached 0 is on its way to release and must not be handed out.
+inline bool ref_acquire_if_live(v_handle_t* h) {
+  int count = __atomic_load_n(&h->ref_count, __ATOMIC_SEQ_CST);
+  while (count > 0) {
+    if (__atomic_compare_exchange_n(&h->ref_count, &count, count + 1, false, __ATOMIC_SEQ_CST,
+                                    __ATOMIC_SEQ_CST))
+      return true;
+  }
+  return false;
+}
+
+// Gives back one reference if the count is above 0 and returns the count
+// that is left; used under dic_mutex by the closers of named objects.
+inline int ref_drop_if_positive(v_handle_t* h) {
+  int count = __atomic_load_n(&h->ref_count, __ATOMIC_SEQ_CST);
+  while (count > 0) {
+    if (__atomic_compare_exchange_n(&h->ref_count, &count, count - 1, false, __ATOMIC_SEQ_CST,
+                                    __ATOMIC_SEQ_CST))
+      return count - 1;
+  }
+  return count;
+}
+
+// An absolute CLOCK_REALTIME deadline `ms` milliseconds ahead, worked out in
+// whole milliseconds: the sub-millisecond part of the present is dropped.
+inline struct timespec realtime_deadline_ms(unsigned int ms) {
+  struct timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  uint64_t total = static_cast<uint64_t>(now.tv_sec) * 1000u +
+                   static_cast<uint64_t>(now.tv_nsec / 1000000) + ms;
+  struct timespec deadline;
+  deadline.tv_sec = static_cast<time_t>(total / 1000u);
+  deadline.tv_nsec = static_cast<long>(total % 1000u) * 1000000L;
+  return deadline;
+}
+
+}  // namespace commonl
+
+// Each source file defines COMMONL_UNIT as its path in the log, for example
+// "../CommonL/Handles", before using KLOG.
+#define KLOG(level, ...)                                                          \
+  do {                                                                            \
+    if (commonl::log_enabled(level))                                              \
+      LogOutputLevel((level), COMMONL_UNIT, __LINE__, __func__, __VA_ARGS__);     \
+  } while (0)
