@@ -2,6 +2,7 @@
 #pragma once
 
 #include "Handles.h"
+#include "HwModels.h"
 #include "WinApiEvents.h"
 #include "WinApiMisc.h"
 #include "WinApiProc.h"
