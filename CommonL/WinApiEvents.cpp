@@ -470,5 +470,7 @@ DWORD WaitForSingleObject(HANDLE hHandle, DWORD dwMilliseconds) {
     return WAIT_FAILED;
   }
   if (h->type == V_HANDLE_SEMAPHORE) return WaitForSemaphore(h, dwMilliseconds);
+  // A lone mutex goes straight to its lock, as the general path would take it.
+  if (commonl::handle_is(h, V_HANDLE_MUTEX)) return _wait_mutex(h, dwMilliseconds);
   return WaitForMultipleObjects(1, &hHandle, 0, dwMilliseconds);
 }

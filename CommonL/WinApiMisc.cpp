@@ -15,7 +15,7 @@ namespace commonl {
 Sys sys = {
     ::eventfd, ::read, ::write, ::ppoll, ::calloc, ::strdup, ::pthread_mutex_lock,
     ::pthread_mutex_init, ::system,
-    ::settimeofday,
+    ::settimeofday, ::pthread_create, ::pthread_attr_getschedparam, ::popen, ::pclose,
 };
 
 Paths paths = {

@@ -7,6 +7,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <stddef.h>
+#include <stdio.h>
 #include <sys/time.h>
 #include <sys/types.h>
 #include <time.h>
@@ -35,6 +36,11 @@ struct Sys {
   int (*pthread_mutex_init)(pthread_mutex_t* mutex, const pthread_mutexattr_t* attr);
   int (*system)(const char* command);
   int (*settimeofday)(const struct timeval* tv, const struct timezone* tz);
+  int (*pthread_create)(pthread_t* thread, const pthread_attr_t* attr, void* (*start)(void*),
+                        void* arg);
+  int (*pthread_attr_getschedparam)(const pthread_attr_t* attr, struct sched_param* param);
+  FILE* (*popen)(const char* command, const char* mode);
+  int (*pclose)(FILE* stream);
 };
 extern Sys sys;
 

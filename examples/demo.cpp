@@ -1,11 +1,14 @@
 // The road of one signal: producer threads signal auto-reset and
 // manual-reset events, a consumer waits for any of them with a time-out, and
-// the lowest signalled index wins.
+// the lowest signalled index wins. Then a worker pool started with
+// _beginthreadex shares a job queue through a named mutex and a semaphore.
 #include <stdio.h>
 
 #include <chrono>
 #include <initializer_list>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "CommonL.h"
 
@@ -15,6 +18,79 @@ static void say(const char* who, const char* text) {
   std::chrono::duration<double, std::milli> ms = std::chrono::steady_clock::now() - start;
   printf("%7.2f ms  %-9s %s\n", ms.count(), who, text);
   fflush(stdout);
+}
+
+// --- the worker pool ---
+
+static const int kWorkers = 3;
+static const int kJobs = 8;
+
+struct Queue {
+  std::vector<int> jobs;   // guarded by the named mutex "job-queue"
+  HANDLE queued = nullptr;  // semaphore: one count per queued job
+};
+
+struct Worker {
+  Queue* queue;
+  int number;
+  HANDLE finished;  // set when the worker leaves
+};
+
+static unsigned int worker_main(void* arg) {
+  Worker* me = static_cast<Worker*>(arg);
+  char who[16];
+  snprintf(who, sizeof who, "worker %d", me->number);
+  // Each worker opens the queue's lock by its name: one object for all.
+  HANDLE lock = CreateMutex(NULL, FALSE, "job-queue");
+  bool reopened = GetLastError() == ERROR_ALREADY_EXISTS;
+  char text[96];
+  snprintf(text, sizeof text, "started, tid %u, CreateMutex(\"job-queue\") %s", GetCurrentThreadId(),
+           reopened ? "found the existing mutex" : "made the mutex");
+  say(who, text);
+  for (;;) {
+    WaitForSingleObject(me->queue->queued, INFINITE);
+    WaitForSingleObject(lock, INFINITE);
+    int job = me->queue->jobs.front();
+    me->queue->jobs.erase(me->queue->jobs.begin());
+    size_t left = me->queue->jobs.size();
+    ReleaseMutex(lock);
+    if (job < 0) break;
+    snprintf(text, sizeof text, "took job %d, %zu left in the queue", job, left);
+    say(who, text);
+  }
+  say(who, "stop job taken, leaving");
+  CloseHandle(lock);
+  SetEvent(me->finished);
+  return 0;
+}
+
+static void worker_pool() {
+  say("main", "5. a pool of workers shares a queue: a named mutex guards it, a semaphore counts it");
+  Queue queue;
+  queue.queued = CreateSemaphore(NULL, 0, kJobs + kWorkers, NULL);
+  HANDLE lock = CreateMutex(NULL, FALSE, "job-queue");
+  Worker workers[kWorkers];
+  HANDLE finished[kWorkers];
+  for (int i = 0; i < kWorkers; i++) {
+    finished[i] = CreateEvent(NULL, TRUE, FALSE, NULL);
+    workers[i] = Worker{&queue, i + 1, finished[i]};
+    unsigned int tid = 0;
+    uintptr_t thread = _beginthreadex(NULL, 0, worker_main, &workers[i], 0, &tid);
+    if (thread == static_cast<uintptr_t>(-1)) say("main", "_beginthreadex failed");
+  }
+  // Jobs 1..kJobs, then one stop job (-1) per worker.
+  for (int job = 1; job <= kJobs + kWorkers; job++) {
+    WaitForSingleObject(lock, INFINITE);
+    queue.jobs.push_back(job <= kJobs ? job : -1);
+    ReleaseMutex(lock);
+    ReleaseSemaphore(queue.queued, 1, NULL);
+  }
+  // bWaitAll is not supported: wait for the workers one after the other.
+  for (int i = 0; i < kWorkers; i++) WaitForSingleObject(finished[i], INFINITE);
+  say("main", "every worker has left; the queue is empty");
+  for (HANDLE h : finished) CloseHandle(h);
+  CloseHandle(lock);
+  CloseHandle(queue.queued);
 }
 
 int main() {
@@ -90,5 +166,7 @@ int main() {
   say("main", WaitForSingleObject(stop, 0) == WAIT_TIMEOUT ? "ResetEvent(stop): no longer signalled"
                                                            : "ResetEvent(stop) failed");
   for (HANDLE h : {alarm, frame, stop, go, done}) CloseHandle(h);
+
+  worker_pool();
   return 0;
 }
