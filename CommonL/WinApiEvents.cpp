@@ -1,5 +1,5 @@
-// Events on eventfd, the process-wide name dictionaries, mutexes and the
-// wait engine.
+// Events on eventfd, the process-wide name dictionaries, mutexes, the
+// wait engine and waitable timers.
 #define COMMONL_UNIT "../CommonL/WinApiEvents"
 
 #include "WinApiEvents.h"
@@ -12,10 +12,12 @@
 #include <unistd.h>
 
 #include <new>
+#include <thread>
 #include <vector>
 
 #include "WinApiMisc.h"
 #include "WinApiProc.h"
+#include "WinApiTime.h"
 #include "internal.h"
 
 using commonl::sys;
@@ -473,4 +475,65 @@ DWORD WaitForSingleObject(HANDLE hHandle, DWORD dwMilliseconds) {
   // A lone mutex goes straight to its lock, as the general path would take it.
   if (commonl::handle_is(h, V_HANDLE_MUTEX)) return _wait_mutex(h, dwMilliseconds);
   return WaitForMultipleObjects(1, &hHandle, 0, dwMilliseconds);
+}
+
+// --- waitable timers ---
+
+HANDLE CreateWaitableTimer(_SECURITY_ATTRIBUTES* lpTimerAttributes, BOOL bManualReset,
+                           char const* lpTimerName) {
+  return CreateEvent(lpTimerAttributes, bManualReset, 0, lpTimerName);
+}
+
+int VCloseTimer(HANDLE hTimer) { return VCloseEvent(hTimer); }
+
+static const int64_t _NS_PER_SECOND = 1000000000;
+// The longest single nanosleep of a timer thread; a longer delay is slept
+// step by step and never hands the kernel an extreme timespec.
+static const int64_t _TIMER_SLEEP_STEP_NS = 86400 * _NS_PER_SECOND;
+
+// A signal cuts a step short: the step goes on with what nanosleep left.
+// Any other failure ends the whole sleep.
+static void _timer_sleep(int64_t delay_ns) {
+  while (delay_ns > 0) {
+    int64_t step = delay_ns < _TIMER_SLEEP_STEP_NS ? delay_ns : _TIMER_SLEEP_STEP_NS;
+    delay_ns -= step;
+    struct timespec request;
+    request.tv_sec = static_cast<time_t>(step / _NS_PER_SECOND);
+    request.tv_nsec = static_cast<long>(step % _NS_PER_SECOND);
+    struct timespec remaining;
+    while (sys.nanosleep(&request, &remaining) != 0) {
+      if (errno != EINTR) return;
+      request = remaining;
+    }
+  }
+}
+
+// (due - now) * 100, both FILETIME counts. Where that leaves 64 bits, a due
+// time in the past fires at once and one in the future waits the longest
+// delay there is, some 292 years.
+static int64_t _timer_delay_ns(int64_t due, int64_t now) {
+  int64_t intervals;
+  if (__builtin_sub_overflow(due, now, &intervals)) return due < now ? 0 : INT64_MAX;
+  int64_t delay_ns;
+  if (__builtin_mul_overflow(intervals, 100, &delay_ns)) return intervals < 0 ? 0 : INT64_MAX;
+  return delay_ns;
+}
+
+// The present has whole seconds only, so a timer fires up to a second late.
+// A failed thread start throws std::system_error out of here.
+BOOL SetWaitableTimer(HANDLE hTimer, _LARGE_INTEGER const* lpDueTime, long /*lPeriod*/,
+                      PTIMERAPCROUTINE pfnCompletionRoutine, void* lpArgToCompletionRoutine,
+                      BOOL /*fResume*/) {
+  if (lpDueTime == nullptr || hTimer == nullptr) return FALSE;
+  ResetEvent(hTimer);
+  _FILETIME now;
+  GetSystemTimeAsFileTime(&now);
+  int64_t delay_ns =
+      _timer_delay_ns(lpDueTime->QuadPart, static_cast<int64_t>(commonl::filetime_count(&now)));
+  std::thread([delay_ns, hTimer, pfnCompletionRoutine, lpArgToCompletionRoutine] {
+    if (delay_ns > 0) _timer_sleep(delay_ns);
+    SetEvent(hTimer);
+    if (pfnCompletionRoutine != nullptr) pfnCompletionRoutine(lpArgToCompletionRoutine);
+  }).detach();
+  return TRUE;
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "Handles.h"
+#include "WinTimeTypes.h"
 
 #define WAIT_OBJECT_0 0u
 #define WAIT_TIMEOUT 0xFFFFFFFEu  // not the 258 of Win32
@@ -30,3 +31,19 @@ COMMONL_API HANDLE CreateMutex(_SECURITY_ATTRIBUTES* lpMutexAttributes, BOOL bIn
 COMMONL_API BOOL ReleaseMutex(HANDLE hMutex);
 // 0: the caller frees the record; any other value: nothing is left to do.
 COMMONL_API int VCloseMutex(HANDLE hMutex);
+
+// Waitable timers: events that a thread of their own signals once at the
+// due time; every event operation works on them. The routine takes one
+// argument, not the three of Win32, and runs on the timer's own thread.
+typedef void (*PTIMERAPCROUTINE)(void* lpArgToCompletionRoutine);
+
+COMMONL_API HANDLE CreateWaitableTimer(_SECURITY_ATTRIBUTES* lpTimerAttributes, BOOL bManualReset,
+                                       char const* lpTimerName);
+// lpDueTime is absolute only, in 100-nanosecond units since 1601-01-01 UTC;
+// lPeriod and fResume are ignored: each call fires once. Every call starts
+// a thread that holds the handle until it fires, so the caller keeps the
+// handle open until then.
+COMMONL_API BOOL SetWaitableTimer(HANDLE hTimer, _LARGE_INTEGER const* lpDueTime, long lPeriod,
+                                  PTIMERAPCROUTINE pfnCompletionRoutine,
+                                  void* lpArgToCompletionRoutine, BOOL fResume);
+COMMONL_API int VCloseTimer(HANDLE hTimer);

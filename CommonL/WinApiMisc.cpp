@@ -16,6 +16,7 @@ Sys sys = {
     ::eventfd, ::read, ::write, ::ppoll, ::calloc, ::strdup, ::pthread_mutex_lock,
     ::pthread_mutex_init, ::system,
     ::settimeofday, ::pthread_create, ::pthread_attr_getschedparam, ::popen, ::pclose,
+    ::gettimeofday, ::time, ::clock_gettime, ::nanosleep,
 };
 
 Paths paths = {

@@ -41,6 +41,10 @@ struct Sys {
   int (*pthread_attr_getschedparam)(const pthread_attr_t* attr, struct sched_param* param);
   FILE* (*popen)(const char* command, const char* mode);
   int (*pclose)(FILE* stream);
+  int (*gettimeofday)(struct timeval* tv, void* tz);
+  time_t (*time)(time_t* tloc);
+  int (*clock_gettime)(clockid_t clockid, struct timespec* tp);
+  int (*nanosleep)(const struct timespec* request, struct timespec* remaining);
 };
 extern Sys sys;
 

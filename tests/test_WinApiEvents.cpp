@@ -1,7 +1,9 @@
-// Events, the name dictionaries, mutexes and the wait engine.
+// Events, the name dictionaries, mutexes, the wait engine and waitable
+// timers.
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/syscall.h>
@@ -9,11 +11,13 @@
 
 #include <atomic>
 #include <chrono>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "CommonL.h"
+#include "WinApiTime.h"
 #include "support.h"
 
 using testsupport::Log;
@@ -656,4 +660,323 @@ TEST(Wait, ThreadsHandOffThroughAutoResetEventsWithoutLosingASignal) {
   partner.join();
   EXPECT_EQ(WaitForSingleObject(ping, 0), WAIT_TIMEOUT);
   EXPECT_EQ(WaitForSingleObject(pong, 0), WAIT_TIMEOUT);
+}
+
+// --- waitable timers ---
+
+namespace {
+
+// What a timer's routine saw. Setting `done` is the routine's last act, so
+// the test may let the Firing go once `done` is signalled.
+struct Firing {
+  HANDLE timer = nullptr;
+  HANDLE done = CreateEvent(nullptr, 1, 0, nullptr);
+  std::atomic<int> calls{0};
+  std::atomic<pid_t> tid{0};
+  std::atomic<bool> timer_signalled{false};
+  std::atomic<uint32_t> thread_magic{1};
+  std::atomic<uint64_t> fired_at{0};
+  explicit Firing(HANDLE t = nullptr) : timer(t) {}
+  ~Firing() { CloseHandle(done); }
+};
+
+// The present on the FILETIME scale, to the 100 nanoseconds.
+uint64_t precise_now() {
+  struct timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  return static_cast<uint64_t>(now.tv_sec) * 10000000u + static_cast<uint64_t>(now.tv_nsec) / 100u +
+         UNIX_EPOCH_FILETIME;
+}
+
+// Whether `h` is signalled, without consuming the signal.
+bool peek_signalled(HANDLE h) {
+  struct pollfd entry = {static_cast<v_handle_t*>(h)->poll_entry.fd, POLLIN, 0};
+  return poll(&entry, 1, 0) == 1;
+}
+
+void on_fire(void* arg) {
+  auto* f = static_cast<Firing*>(arg);
+  f->fired_at = precise_now();
+  f->tid = gettid();
+  if (f->timer != nullptr) f->timer_signalled = peek_signalled(f->timer);
+  f->thread_magic = gt_thread_handle.magic;
+  f->calls++;
+  SetEvent(f->done);
+}
+
+bool fired(Firing& f, DWORD ms = 5000) { return WaitForSingleObject(f.done, ms) == WAIT_OBJECT_0; }
+
+BOOL arm(HANDLE timer, int64_t due_count, Firing* f, long period = 0) {
+  LARGE_INTEGER due;
+  due.QuadPart = due_count;
+  return SetWaitableTimer(timer, &due, period, f ? on_fire : nullptr, f, 0);
+}
+
+const int64_t kPresent = 1700000000;  // the fixed present of the time seam
+const int64_t kPresentCount = kPresent * 10000000 + static_cast<int64_t>(UNIX_EPOCH_FILETIME);
+
+struct FixedPresent : ScopedSys<decltype(commonl::sys.time)> {
+  FixedPresent() : ScopedSys(commonl::sys.time, [](time_t*) -> time_t { return kPresent; }) {}
+};
+
+// The timer thread's sleep, recorded instead of slept.
+enum class Sleep { instant, interrupted_once, failing, gated };
+std::atomic<Sleep> g_sleep_mode;
+std::mutex g_sleep_mutex;
+std::vector<struct timespec> g_sleep_requests;  // the first few
+long g_sleep_calls;
+uint64_t g_slept_ns;
+HANDLE g_sleep_gate;
+
+int fake_nanosleep(const struct timespec* request, struct timespec* remaining) {
+  long call;
+  {
+    std::lock_guard<std::mutex> lock(g_sleep_mutex);
+    call = ++g_sleep_calls;
+    g_slept_ns += static_cast<uint64_t>(request->tv_sec) * 1000000000u +
+                  static_cast<uint64_t>(request->tv_nsec);
+    if (g_sleep_requests.size() < 4) g_sleep_requests.push_back(*request);
+  }
+  switch (g_sleep_mode.load()) {
+    case Sleep::instant:
+      return 0;
+    case Sleep::interrupted_once:
+      if (call > 1) return 0;
+      *remaining = {1, 7};
+      errno = EINTR;
+      return -1;
+    case Sleep::failing:
+      errno = EINVAL;
+      return -1;
+    case Sleep::gated:
+      EXPECT_EQ(WaitForSingleObject(g_sleep_gate, 10000), WAIT_OBJECT_0);
+      return 0;
+  }
+  return 0;
+}
+
+struct FakeSleep : ScopedSys<decltype(commonl::sys.nanosleep)> {
+  explicit FakeSleep(Sleep mode) : ScopedSys(commonl::sys.nanosleep, fake_nanosleep) {
+    g_sleep_mode = mode;
+    std::lock_guard<std::mutex> lock(g_sleep_mutex);
+    g_sleep_requests.clear();
+    g_sleep_calls = 0;
+    g_slept_ns = 0;
+    g_sleep_gate = CreateEvent(nullptr, 1, 0, nullptr);
+  }
+  ~FakeSleep() { CloseHandle(g_sleep_gate); }
+  long calls() const {
+    std::lock_guard<std::mutex> lock(g_sleep_mutex);
+    return g_sleep_calls;
+  }
+  void open_gate() const { SetEvent(g_sleep_gate); }
+};
+
+bool same(const struct timespec& a, time_t sec, long nsec) {
+  return a.tv_sec == sec && a.tv_nsec == nsec;
+}
+
+}  // namespace
+
+TEST(CreateWaitableTimer, IsAnUnsignalledEventSharingTheEventNames) {
+  Owned timer(CreateWaitableTimer(nullptr, 1, nullptr));
+  ASSERT_NE(timer.h, nullptr);
+  auto* record = static_cast<v_handle_t*>(timer.h);
+  EXPECT_EQ(record->type, V_HANDLE_EVENT);
+  EXPECT_EQ(record->manual_reset, 1);
+  EXPECT_FALSE(signalled(timer));
+
+  Owned event(CreateEvent(nullptr, 1, 0, "cam-timer"));
+  Owned same_name(CreateWaitableTimer(nullptr, 0, "cam-timer"));
+  EXPECT_EQ(same_name.h, event.h);
+  EXPECT_EQ(GetLastError(), 183u);
+
+  SECURITY_ATTRIBUTES attributes{};
+  Log::set_level(0);
+  Owned with_attributes(CreateWaitableTimer(&attributes, 0, nullptr));
+  EXPECT_NE(with_attributes.h, nullptr);
+  ASSERT_EQ(Log::lines().size(), 1u) << Log::dump();
+  EXPECT_EQ(Log::count(2, "CreateEvent: lpEventAttributes must be NULL"), 1);
+  EXPECT_EQ(Log::lines()[0].function, "CreateEvent");
+}
+
+TEST(VCloseTimer, IsVCloseEvent) {
+  HANDLE unnamed = CreateWaitableTimer(nullptr, 0, nullptr);
+  EXPECT_EQ(VCloseTimer(unnamed), 0);
+  free(unnamed);
+  EXPECT_EQ(VCloseTimer(CreateWaitableTimer(nullptr, 0, "closing-timer")), 1);
+  Owned fresh(CreateWaitableTimer(nullptr, 0, "closing-timer"));
+  EXPECT_EQ(GetLastError(), 0u);  // the name went with the last reference
+}
+
+TEST(SetWaitableTimer, NullTimerOrDueTimeGivesFalseAndTouchesNothing) {
+  Owned timer(CreateWaitableTimer(nullptr, 1, nullptr));
+  SetEvent(timer);
+  Firing f;
+  LARGE_INTEGER due;
+  due.QuadPart = 1;
+  EXPECT_EQ(SetWaitableTimer(nullptr, &due, 0, on_fire, &f, 0), FALSE);
+  EXPECT_EQ(SetWaitableTimer(timer, nullptr, 0, on_fire, &f, 0), FALSE);
+  EXPECT_TRUE(signalled(timer));  // not reset
+  EXPECT_FALSE(fired(f, 200));    // no thread
+  EXPECT_TRUE(Log::lines().empty()) << Log::dump();
+}
+
+TEST(SetWaitableTimer, DueTimeNotLaterThanThePresentFiresAtOnceOnItsOwnThreadRoutineLast) {
+  FakeSleep sleep(Sleep::instant);
+  FixedPresent present;
+  Owned timer(CreateWaitableTimer(nullptr, 0, nullptr));
+  for (int64_t due : {kPresentCount, kPresentCount - 600000000, int64_t{1}}) {
+    Firing f(timer);
+    EXPECT_EQ(arm(timer, due, &f), TRUE);
+    ASSERT_TRUE(fired(f));
+    EXPECT_EQ(f.calls.load(), 1);
+    EXPECT_NE(f.tid.load(), gettid());
+    EXPECT_TRUE(f.timer_signalled.load());
+    EXPECT_NE(f.thread_magic.load(), V_HANDLE_MAGIC);  // not a _beginthreadex thread
+    EXPECT_EQ(WaitForSingleObject(timer, 0), WAIT_OBJECT_0);
+  }
+  EXPECT_EQ(sleep.calls(), 0);  // no sleep at all
+  EXPECT_TRUE(Log::lines().empty()) << Log::dump();
+}
+
+TEST(SetWaitableTimer, DueTimeASecondAheadFiresWithinTheWholeSecondGranularity) {
+  Owned timer(CreateWaitableTimer(nullptr, 1, nullptr));
+  Firing f(timer);
+  const uint64_t due = precise_now() + 10000000;
+  EXPECT_EQ(arm(timer, static_cast<int64_t>(due), &f), TRUE);
+  EXPECT_FALSE(signalled(timer));
+  ASSERT_TRUE(fired(f));
+  EXPECT_GE(f.fired_at.load(), due);
+  // Up to a second late by design, plus the scheduler's share.
+  EXPECT_LT(f.fired_at.load(), due + 15000000);
+  EXPECT_TRUE(signalled(timer));
+}
+
+TEST(SetWaitableTimer, DelayIsMeasuredFromWholeSecondsAndASleepCutBySignalGoesOn) {
+  FakeSleep sleep(Sleep::interrupted_once);
+  FixedPresent present;
+  Owned timer(CreateWaitableTimer(nullptr, 0, nullptr));
+  Firing f(timer);
+  EXPECT_EQ(arm(timer, kPresentCount + 25000001, &f), TRUE);
+  ASSERT_TRUE(fired(f));
+  std::lock_guard<std::mutex> lock(g_sleep_mutex);
+  ASSERT_EQ(g_sleep_requests.size(), 2u);
+  EXPECT_TRUE(same(g_sleep_requests[0], 2, 500000100));
+  EXPECT_TRUE(same(g_sleep_requests[1], 1, 7));  // what the interrupted sleep left
+}
+
+TEST(SetWaitableTimer, OtherSleepFailuresEndTheSleep) {
+  FakeSleep sleep(Sleep::failing);
+  FixedPresent present;
+  Owned timer(CreateWaitableTimer(nullptr, 0, nullptr));
+  Firing f(timer);
+  EXPECT_EQ(arm(timer, kPresentCount + 3 * 864000000000000, &f), TRUE);  // three days
+  ASSERT_TRUE(fired(f));
+  EXPECT_EQ(sleep.calls(), 1);
+}
+
+TEST(SetWaitableTimer, DelaysBeyond64BitNanosecondsSaturateAndSleepInDailySteps) {
+  FakeSleep sleep(Sleep::instant);
+  FixedPresent present;
+  Owned timer(CreateWaitableTimer(nullptr, 0, nullptr));
+  for (int64_t past : {INT64_MIN, int64_t{0}, kPresentCount - INT64_MAX / 100 - 1}) {
+    Firing f(timer);
+    EXPECT_EQ(arm(timer, past, &f), TRUE);
+    ASSERT_TRUE(fired(f));
+  }
+  EXPECT_EQ(sleep.calls(), 0);
+
+  Firing f(timer);
+  EXPECT_EQ(arm(timer, INT64_MAX, &f), TRUE);
+  ASSERT_TRUE(fired(f, 30000));
+  const int64_t day_ns = 86400 * 1000000000LL;
+  EXPECT_EQ(sleep.calls(), INT64_MAX / day_ns + 1);
+  std::lock_guard<std::mutex> lock(g_sleep_mutex);
+  EXPECT_EQ(g_slept_ns, static_cast<uint64_t>(INT64_MAX));
+  EXPECT_TRUE(same(g_sleep_requests[0], 86400, 0));
+}
+
+TEST(SetWaitableTimer, AutoResetLetsOneWaitThroughManualResetStaysSignalled) {
+  Owned autoreset(CreateWaitableTimer(nullptr, 0, nullptr));
+  Owned manual(CreateWaitableTimer(nullptr, 1, nullptr));
+  Firing a(autoreset), m(manual);
+  EXPECT_EQ(arm(autoreset, 1, &a), TRUE);
+  EXPECT_EQ(arm(manual, 1, &m), TRUE);
+  ASSERT_TRUE(fired(a));
+  ASSERT_TRUE(fired(m));
+  EXPECT_EQ(WaitForSingleObject(autoreset, 0), WAIT_OBJECT_0);
+  EXPECT_EQ(WaitForSingleObject(autoreset, 0), WAIT_TIMEOUT);
+  for (int i = 0; i < 3; i++) EXPECT_EQ(WaitForSingleObject(manual, 0), WAIT_OBJECT_0);
+  EXPECT_EQ(ResetEvent(manual), TRUE);
+  EXPECT_EQ(WaitForSingleObject(manual, 0), WAIT_TIMEOUT);
+}
+
+TEST(SetWaitableTimer, SecondArmingDoesNotDisarmTheFirstAndBothFire) {
+  FakeSleep sleep(Sleep::gated);
+  Owned timer(CreateWaitableTimer(nullptr, 0, nullptr));
+  Firing later(timer), sooner(timer);
+  EXPECT_EQ(arm(timer, static_cast<int64_t>(precise_now()) + 36000000000, &later), TRUE);
+  EXPECT_EQ(arm(timer, 1, &sooner), TRUE);
+  ASSERT_TRUE(fired(sooner));
+  EXPECT_EQ(WaitForSingleObject(timer, 0), WAIT_OBJECT_0);
+  EXPECT_FALSE(fired(later, 0));
+  EXPECT_TRUE(testsupport::eventually([&] { return sleep.calls() == 1; }));
+
+  sleep.open_gate();
+  ASSERT_TRUE(fired(later));
+  EXPECT_EQ(WaitForSingleObject(timer, 0), WAIT_OBJECT_0);
+  EXPECT_EQ(later.calls.load() + sooner.calls.load(), 2);
+}
+
+TEST(SetWaitableTimer, ArmingResetsASignalledTimerAtOnce) {
+  FakeSleep sleep(Sleep::gated);
+  Owned timer(CreateWaitableTimer(nullptr, 1, nullptr));
+  SetEvent(timer);
+  Firing f(timer);
+  EXPECT_EQ(arm(timer, static_cast<int64_t>(precise_now()) + 36000000000, &f), TRUE);
+  EXPECT_FALSE(peek_signalled(timer));
+  sleep.open_gate();
+  ASSERT_TRUE(fired(f));
+  EXPECT_TRUE(f.timer_signalled.load());
+  EXPECT_TRUE(signalled(timer));
+}
+
+TEST(SetWaitableTimer, PeriodIsIgnoredAndANullRoutineOnlySignals) {
+  Owned timer(CreateWaitableTimer(nullptr, 0, nullptr));
+  {
+    Firing f(timer);
+    EXPECT_EQ(arm(timer, 1, &f, 1000), TRUE);
+    ASSERT_TRUE(fired(f));
+    EXPECT_EQ(WaitForSingleObject(timer, 0), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(timer, 1500), WAIT_TIMEOUT);  // no second firing
+    EXPECT_EQ(f.calls.load(), 1);
+  }
+  EXPECT_EQ(arm(timer, 1, nullptr), TRUE);
+  EXPECT_EQ(WaitForSingleObject(timer, 5000), WAIT_OBJECT_0);
+  EXPECT_TRUE(Log::lines().empty()) << Log::dump();
+}
+
+TEST(SetWaitableTimer, GlobalTimerRunsTheRoutineButSignalsNothing) {
+  Owned timer(CreateWaitableTimer(nullptr, 1, "GlobalRecorderTimer"));
+  ASSERT_NE(timer.h, nullptr);
+  Firing f(timer);
+  EXPECT_EQ(arm(timer, 1, &f), TRUE);
+  ASSERT_TRUE(fired(f));
+  EXPECT_FALSE(f.timer_signalled.load());
+  EXPECT_FALSE(signalled(timer));
+  EXPECT_EQ(Log::count(3, "Older SysEvent is disable. Fix the caller"), 1);
+  EXPECT_EQ(Log::lines().size(), 1u) << Log::dump();
+}
+
+TEST(SetWaitableTimer, HandleOfAnotherKindIsArmedAndItsThreadReportsBadHandle) {
+  Owned m(CreateMutex(nullptr, 0, nullptr));
+  Firing f;
+  EXPECT_EQ(arm(m, 1, &f), TRUE);
+  ASSERT_TRUE(fired(f));
+  auto lines = Log::lines();
+  ASSERT_EQ(lines.size(), 1u) << Log::dump();  // nothing from the reset at arming
+  EXPECT_EQ(lines[0].level, 3);
+  EXPECT_EQ(lines[0].text, "bad handle");
+  EXPECT_EQ(lines[0].function, "SetEvent");
 }
