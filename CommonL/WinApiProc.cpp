@@ -320,3 +320,20 @@ int RunProcess(char const* command, char* output_buf, int* output_buf_size,
   if (commonl::sys.pclose(stream) < 0) KLOG(3, "%s", strerror(errno));
   return result;
 }
+
+// --- the process and its user ---
+
+int GetCurrentProcessId() { return getpid(); }
+
+// Copies out of getpwuid's static record: not to be run beside another user
+// of it. A size too small fails without telling the size needed.
+int GetUserName(char* lpBuffer, unsigned int* pcbBuffer) {
+  if (lpBuffer == nullptr || pcbBuffer == nullptr) return 0;
+  const struct passwd* entry = commonl::sys.getpwuid(getuid());
+  if (entry == nullptr || entry->pw_name == nullptr) return 0;
+  const size_t length = strlen(entry->pw_name);
+  if (*pcbBuffer <= length) return 0;
+  *pcbBuffer = static_cast<unsigned int>(length + 1);
+  memcpy(lpBuffer, entry->pw_name, length + 1);
+  return 1;
+}

@@ -33,3 +33,9 @@ COMMONL_API BOOL SetThreadPriority(HANDLE hThread, int nPriority);
 COMMONL_API int RunProcess(char const* command, char* output_buf, int* output_buf_size,
                            char const* end_marker);
 COMMONL_API void UpdateOutputBufSize(FILE* stream, char* buffer, int* size, int already_read);
+
+COMMONL_API int GetCurrentProcessId();
+// The user's login name. *pcbBuffer is the buffer's size on entry and, on
+// success, the name's length with its NUL; a buffer too small gives 0 and
+// leaves *pcbBuffer as it was.
+COMMONL_API int GetUserName(char* lpBuffer, unsigned int* pcbBuffer);

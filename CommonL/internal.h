@@ -5,6 +5,7 @@
 
 #include <poll.h>
 #include <pthread.h>
+#include <pwd.h>
 #include <signal.h>
 #include <stddef.h>
 #include <stdio.h>
@@ -45,6 +46,8 @@ struct Sys {
   time_t (*time)(time_t* tloc);
   int (*clock_gettime)(clockid_t clockid, struct timespec* tp);
   int (*nanosleep)(const struct timespec* request, struct timespec* remaining);
+  FILE* (*fopen)(const char* path, const char* mode);
+  struct passwd* (*getpwuid)(uid_t uid);
 };
 extern Sys sys;
 

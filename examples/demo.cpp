@@ -2,7 +2,11 @@
 // manual-reset events, a consumer waits for any of them with a time-out, and
 // the lowest signalled index wins. Then a worker pool started with
 // _beginthreadex shares a job queue through a named mutex and a semaphore.
+// Last, the road of one alarm tone: the machine's model from its system
+// information, the catalogue's answer for it, and MessageBeep.
 #include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
 
 #include <chrono>
 #include <initializer_list>
@@ -93,6 +97,42 @@ static void worker_pool() {
   CloseHandle(queue.queued);
 }
 
+// --- the road of one alarm tone ---
+
+static void alarm_tone() {
+  say("main", "6. the road of one alarm tone: system information, catalogue, sound");
+  const char* sysinfo = COMMONL_RESOURCES_DIR "/sysinfo.json";
+  const char* catalogue = COMMONL_RESOURCES_DIR "/hw-models.conf";
+  char text[192];
+  LinuxInfo_t* info = GetLinuxInfoEx(sysinfo);
+  if (info == nullptr) {
+    say("main", "GetLinuxInfoEx(sample) failed");
+  } else {
+    // The model keeps the line feed of the record; the catalogue allows for it.
+    snprintf(text, sizeof text, "sample sysinfo.json: model \"%.*s\", %d MB of RAM, serial %.*s",
+             static_cast<int>(strcspn(info->Model, "\n")), info->Model, info->Ram,
+             static_cast<int>(strcspn(info->SerialNumber, "\n")), info->SerialNumber);
+    say("main", text);
+    CHwModel model = GetModelInfo(info->Model, catalogue);
+    snprintf(text, sizeof text, "sample hw-models.conf: entry \"%s\", alarms %s", model.Model.c_str(),
+             useBuzzerForAlarms(info->Model, catalogue) ? "on the buzzer (beep)"
+                                                       : "through the sound file (paplay)");
+    say("main", text);
+    free(info);
+  }
+  // MessageBeep reads the installation's own sysinfo.json; the catalogue
+  // stays the sample loaded above, since a process loads it once.
+  info = GetLinuxInfo();
+  snprintf(text, sizeof text, "this machine's sysinfo.json: %s",
+           info ? "found" : "missing, so the model is unknown and the sound file plays");
+  say("main", text);
+  free(info);
+  int result = MessageBeep(0x30);
+  snprintf(text, sizeof text, "MessageBeep(0x30, exclamation) -> %d (%s)", result,
+           result ? "the shell started the sound" : "the sound command failed");
+  say("main", text);
+}
+
 int main() {
   HANDLE alarm = CreateEvent(NULL, FALSE, FALSE, NULL);          // auto-reset, index 0
   HANDLE frame = CreateEvent(NULL, FALSE, FALSE, "frame-ready");  // auto-reset, index 1
@@ -168,5 +208,6 @@ int main() {
   for (HANDLE h : {alarm, frame, stop, go, done}) CloseHandle(h);
 
   worker_pool();
+  alarm_tone();
   return 0;
 }

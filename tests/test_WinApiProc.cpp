@@ -475,3 +475,51 @@ TEST(RunProcess, PopenAndPcloseFailuresAreReportedWithTheErrorText) {
   EXPECT_EQ(r.text, "x");
   EXPECT_EQ(Log::count(3, "No child processes"), 1);
 }
+
+// --- the process and its user ---
+
+TEST(ProcessAndUser, ProcessIdIsGetpid) {
+  EXPECT_EQ(GetCurrentProcessId(), static_cast<int>(getpid()));
+}
+
+TEST(ProcessAndUser, UserNameSizeProtocol) {
+  const struct passwd* entry = getpwuid(getuid());
+  if (entry == nullptr) GTEST_SKIP() << "no passwd entry for this user";
+  const std::string name = entry->pw_name;
+  const unsigned int length = static_cast<unsigned int>(name.size());
+  std::vector<char> buffer(name.size() + 8, '#');
+
+  unsigned int size = length;  // no room for the NUL
+  EXPECT_EQ(GetUserName(buffer.data(), &size), 0);
+  EXPECT_EQ(size, length);  // the size needed is not told
+  EXPECT_EQ(buffer[0], '#');
+  size = 0;
+  EXPECT_EQ(GetUserName(buffer.data(), &size), 0);
+  EXPECT_EQ(size, 0u);
+
+  size = length + 1;
+  EXPECT_EQ(GetUserName(buffer.data(), &size), 1);
+  EXPECT_EQ(size, length + 1);
+  EXPECT_STREQ(buffer.data(), name.c_str());
+
+  buffer.assign(buffer.size(), '#');
+  size = length + 8;
+  EXPECT_EQ(GetUserName(buffer.data(), &size), 1);
+  EXPECT_EQ(size, length + 1);
+  EXPECT_STREQ(buffer.data(), name.c_str());
+  EXPECT_EQ(buffer[length + 1], '#');
+}
+
+TEST(ProcessAndUser, NoPasswdEntryOrNullArgumentsGiveZero) {
+  char buffer[64] = "keep";
+  unsigned int size = sizeof buffer;
+  {
+    testsupport::ScopedSys<decltype(commonl::sys.getpwuid)> no_entry(
+        commonl::sys.getpwuid, [](uid_t) -> struct passwd* { return nullptr; });
+    EXPECT_EQ(GetUserName(buffer, &size), 0);
+  }
+  EXPECT_EQ(GetUserName(nullptr, &size), 0);
+  EXPECT_EQ(GetUserName(buffer, nullptr), 0);
+  EXPECT_EQ(size, sizeof buffer);
+  EXPECT_STREQ(buffer, "keep");
+}
