@@ -8,6 +8,7 @@
 #include <pthread.h>
 #include <string.h>
 
+#include "KORVATime.h"
 #include "internal.h"
 
 using commonl::filetime_count;
@@ -276,4 +277,23 @@ BOOL LocalFileTimeToFileTime(_FILETIME const* lpLocalFileTime, _FILETIME* lpFile
   tm.tm_isdst = -1;
   filetime_store(lpFileTime, _count_from_seconds(count, mktime(&tm)));
   return 1;
+}
+
+// --- time zone information ---
+
+DWORD GetTimeZoneInformation(_TIME_ZONE_INFORMATION* lpTimeZoneInformation) {
+  if (lpTimeZoneInformation == nullptr) {
+    KLOG(2, "KORVA Assert");
+    return 0;
+  }
+  CKORVATime korva_time;
+  korva_time.GetDateTimeSettings();
+  std::string zone = korva_time.GetTimeZone();
+  long seconds = korva_time.GetTzInSeconds();
+  memset(lpTimeZoneInformation, 0, sizeof *lpTimeZoneInformation);
+  lpTimeZoneInformation->Bias = seconds / 60;
+  snprintf(lpTimeZoneInformation->StandardName, sizeof lpTimeZoneInformation->StandardName, "%s",
+           zone.c_str());
+  lpTimeZoneInformation->DaylightBias = korva_time.DSTBias;
+  return 0;
 }

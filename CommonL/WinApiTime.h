@@ -65,3 +65,21 @@ long UtcEpochToLocalEpoch(long utcEpoch);
 long LocalEpochToUtcEpoch(long localEpoch);
 BOOL FileTimeToLocalFileTime(_FILETIME const* lpFileTime, _FILETIME* lpLocalFileTime);
 BOOL LocalFileTimeToFileTime(_FILETIME const* lpLocalFileTime, _FILETIME* lpFileTime);
+
+// --- time zone information ---
+
+// The Win32 record with `long` 64 bits wide and single-byte characters.
+typedef struct _TIME_ZONE_INFORMATION {
+  long Bias;  // minutes west of UTC of standard time: UTC = local time + Bias
+  char StandardName[32];
+  SYSTEMTIME StandardDate;
+  long StandardBias;
+  char DaylightName[32];
+  SYSTEMTIME DaylightDate;
+  long DaylightBias;  // -60 while daylight saving is in force, else 0
+} TIME_ZONE_INFORMATION, *PTIME_ZONE_INFORMATION, *LPTIME_ZONE_INFORMATION;
+
+// Fills Bias, StandardName (the zone's cst text) and DaylightBias; the rest
+// comes back zero, and so do Bias and StandardName for a zone whose offset
+// the library doesn't know. Always 0.
+DWORD GetTimeZoneInformation(_TIME_ZONE_INFORMATION* lpTimeZoneInformation);

@@ -429,3 +429,112 @@ TEST(LocalEpoch, DaylightSavingRuleOfTheInstant) {
   EXPECT_EQ(UtcEpochToLocalEpoch(summer), summer);
   EXPECT_EQ(LocalEpochToUtcEpoch(summer), summer);
 }
+
+// --- time zone information ---
+
+namespace {
+
+time_t g_fixed_now;
+
+struct FixedTime : ScopedSys<decltype(commonl::sys.time)> {
+  explicit FixedTime(time_t now)
+      : ScopedSys(commonl::sys.time, [](time_t*) { return g_fixed_now; }) {
+    g_fixed_now = now;
+  }
+};
+
+// Every byte set, so that a field the call leaves alone shows.
+TIME_ZONE_INFORMATION filled_record() {
+  TIME_ZONE_INFORMATION info;
+  memset(&info, 0xab, sizeof info);
+  return info;
+}
+
+void expect_cleared_but_bias_name_and_daylight_bias(const TIME_ZONE_INFORMATION& info) {
+  const TIME_ZONE_INFORMATION zero = {};
+  EXPECT_EQ(memcmp(&info.StandardDate, &zero.StandardDate, sizeof zero.StandardDate), 0);
+  EXPECT_EQ(info.StandardBias, 0);
+  EXPECT_EQ(memcmp(info.DaylightName, zero.DaylightName, sizeof zero.DaylightName), 0);
+  EXPECT_EQ(memcmp(&info.DaylightDate, &zero.DaylightDate, sizeof zero.DaylightDate), 0);
+  size_t name_length = strlen(info.StandardName);
+  for (size_t i = name_length; i < sizeof info.StandardName; i++)
+    EXPECT_EQ(info.StandardName[i], 0) << i;
+}
+
+}  // namespace
+
+TEST(GetTimeZoneInformation, Win32FieldOrderWith64BitLongs) {
+  EXPECT_EQ(offsetof(TIME_ZONE_INFORMATION, Bias), 0u);
+  EXPECT_EQ(offsetof(TIME_ZONE_INFORMATION, StandardName), 8u);
+  EXPECT_EQ(offsetof(TIME_ZONE_INFORMATION, StandardDate), 40u);
+  EXPECT_EQ(offsetof(TIME_ZONE_INFORMATION, StandardBias), 56u);
+  EXPECT_EQ(offsetof(TIME_ZONE_INFORMATION, DaylightName), 64u);
+  EXPECT_EQ(offsetof(TIME_ZONE_INFORMATION, DaylightDate), 96u);
+  EXPECT_EQ(offsetof(TIME_ZONE_INFORMATION, DaylightBias), 112u);
+  EXPECT_EQ(sizeof(TIME_ZONE_INFORMATION), 120u);
+}
+
+TEST(GetTimeZoneInformation, BiasStaysInSummerDaylightBiasShowsIt) {
+  Zone zone("America/New_York");
+  const struct {
+    time_t now;
+    long daylight_bias;
+  } moments[] = {{1798265547, 0},     // 2026-12-26 06:12:27 UTC
+                 {1782907200, -60}};  // 2026-07-01 12:00:00 UTC
+  for (const auto& moment : moments) {
+    FixedTime clock(moment.now);
+    TIME_ZONE_INFORMATION info = filled_record();
+    EXPECT_EQ(GetTimeZoneInformation(&info), 0u);
+    EXPECT_EQ(info.Bias, 300);
+    EXPECT_STREQ(info.StandardName, "CST+5:00:00");
+    EXPECT_EQ(info.DaylightBias, moment.daylight_bias);
+    expect_cleared_but_bias_name_and_daylight_bias(info);
+  }
+  EXPECT_TRUE(Log::lines().empty()) << Log::dump();
+}
+
+TEST(GetTimeZoneInformation, HalfHourEastAndTheZoneOfOffsetZero) {
+  FixedTime clock(1782907200);
+  TIME_ZONE_INFORMATION info = filled_record();
+  {
+    Zone zone("Asia/Kolkata");
+    EXPECT_EQ(GetTimeZoneInformation(&info), 0u);
+    EXPECT_EQ(info.Bias, -330);
+    EXPECT_STREQ(info.StandardName, "CST-5:30:00");
+    EXPECT_EQ(info.DaylightBias, 0);
+  }
+  Zone zone("UTC");
+  info = filled_record();
+  EXPECT_EQ(GetTimeZoneInformation(&info), 0u);
+  EXPECT_EQ(info.Bias, 0);
+  EXPECT_STREQ(info.StandardName, "CST+0:00:00");
+  expect_cleared_but_bias_name_and_daylight_bias(info);
+}
+
+TEST(GetTimeZoneInformation, AZoneWithoutARowGivesAnEmptyRecordAndTheLog) {
+  Zone zone("Pacific/Kiritimati");
+  TIME_ZONE_INFORMATION info = filled_record();
+  EXPECT_EQ(GetTimeZoneInformation(&info), 0u);
+  EXPECT_EQ(info.Bias, 0);
+  EXPECT_STREQ(info.StandardName, "");
+  EXPECT_EQ(info.DaylightBias, 0);
+  expect_cleared_but_bias_name_and_daylight_bias(info);
+  const char* no_match = "CKORVATime::GetTimeZone(): mo match for timezone -50400";
+  auto lines = Log::lines();
+  ASSERT_EQ(lines.size(), 4u) << Log::dump();
+  const std::pair<int, const char*> expected[] = {{4, "LinuxTimezoneToKorvaID"},
+                                                  {3, "GetDateTimeSettings"},
+                                                  {4, "GetTimeZone"},
+                                                  {4, "LinuxTimezoneToKorvaID"}};
+  for (size_t i = 0; i < 4; i++) {
+    EXPECT_EQ(lines[i].level, expected[i].first);
+    EXPECT_EQ(lines[i].function, expected[i].second);
+    EXPECT_EQ(lines[i].text, i == 1 ? "Invalid timezone" : no_match);
+  }
+
+  Log::clear();
+  EXPECT_EQ(GetTimeZoneInformation(nullptr), 0u);
+  ASSERT_EQ(Log::lines().size(), 1u);
+  EXPECT_EQ(Log::lines()[0].text, "KORVA Assert");
+  EXPECT_EQ(Log::lines()[0].level, 2);
+}
