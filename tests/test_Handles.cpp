@@ -5,225 +5,131 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <thread>
-#include <vector>
 
 #include "CommonL.h"
 #include "support.h"
 
 using testsupport::Log;
+using Lines = std::vector<std::string>;
 
 namespace {
 
 bool fd_is_open(int fd) { return fcntl(fd, F_GETFD) != -1; }
 
-// A record as outside code makes it: CreateHandleL, then its own fields.
-v_handle_t* make_fd_handle(int fd) {
-  v_handle_t* h = CreateHandleL(V_HANDLE_FD);
-  h->tail.fd = fd;
-  return h;
+BOOL dup(HANDLE h, HANDLE* copy) { return DuplicateHandle(nullptr, h, nullptr, copy, 0, 0, 0); }
+
+// The log as "level text".
+Lines log_lines() {
+  Lines out;
+  for (const auto& line : Log::lines()) out.push_back(std::to_string(line.level) + " " + line.text);
+  return out;
 }
 
 }  // namespace
 
-TEST(CreateHandleL, GivesAZeroedRecordWithMagicTypeAndOneReference) {
+TEST(CreateHandleL, GivesAZeroedRecordWithMagicTypeAndOneReferenceOrNullWithoutMemory) {
   v_handle_t* h = CreateHandleL(V_HANDLE_SOCKET_EVENT);
   ASSERT_NE(h, nullptr);
-  EXPECT_EQ(h->magic, 0xdac2f746u);
-  EXPECT_EQ(h->type, V_HANDLE_SOCKET_EVENT);
-  EXPECT_EQ(h->ref_count, 1);
-  EXPECT_EQ(h->name, nullptr);
-  EXPECT_EQ(h->poll_entry.fd, 0);
+  EXPECT_TRUE(h->magic == 0xdac2f746u && h->type == V_HANDLE_SOCKET_EVENT && h->ref_count == 1);
+  EXPECT_TRUE(h->name == nullptr && h->poll_entry.fd == 0 && h->tail.second_fd == 0);
   EXPECT_EQ(h->global + h->manual_reset + h->overlapped, 0);
-  EXPECT_EQ(h->tail.second_fd, 0);
   free(h);
-}
-
-TEST(CreateHandleL, OutOfMemoryReportsNoMemoAndGivesNull) {
   testsupport::ScopedSys<decltype(commonl::sys.calloc)> no_memory(
       commonl::sys.calloc, [](size_t, size_t) -> void* { return nullptr; });
   EXPECT_EQ(CreateHandleL(V_HANDLE_FD), nullptr);
-  ASSERT_EQ(Log::lines().size(), 1u);
-  EXPECT_EQ(Log::lines()[0].level, 3);
-  EXPECT_EQ(Log::lines()[0].text, "no memo");
+  EXPECT_EQ(log_lines(), Lines{"3 no memo"});
   EXPECT_EQ(Log::lines()[0].file, "../CommonL/Handles");
   EXPECT_EQ(Log::lines()[0].function, "CreateHandleL");
 }
 
-TEST(CloseHandle, NullIsTrueAndSilent) {
+TEST(CloseHandle, NullIsSilentTrueRecordsItCannotReleaseAreRefusedTooManyClosesReportedAtLevel4) {
   EXPECT_EQ(CloseHandle(nullptr), TRUE);
-  EXPECT_TRUE(Log::lines().empty());
-}
-
-TEST(CloseHandle, WithoutMagicIsFalseWithBadHandleAtLevel3Only) {
-  v_handle_t fake{};
+  v_handle_t fake{}, *unknown = CreateHandleL(static_cast<v_handle_type_t>(9));
+  v_handle_t* find = CreateHandleL(V_HANDLE_FIND);  // never released here
   EXPECT_EQ(CloseHandle(&fake), FALSE);
-  EXPECT_EQ(Log::count(3, "bad handle"), 1);
-
-  Log::clear();
-  Log::set_level(2);
-  EXPECT_EQ(CloseHandle(&fake), FALSE);
-  EXPECT_TRUE(Log::lines().empty()) << Log::dump();
-}
-
-TEST(CloseHandle, FdRecordClosesItsDescriptorAtTheLastReference) {
-  int fd = eventfd(0, 0);
-  v_handle_t* h = make_fd_handle(fd);
-  HANDLE copy1 = nullptr, copy2 = nullptr;
-  ASSERT_EQ(DuplicateHandle(nullptr, h, nullptr, &copy1, 0, 0, 0), TRUE);
-  ASSERT_EQ(DuplicateHandle(nullptr, h, nullptr, &copy2, 0, 0, 0), TRUE);
-  EXPECT_EQ(copy1, h);
-  EXPECT_EQ(copy2, h);
-  EXPECT_EQ(h->ref_count, 3);
-
-  EXPECT_EQ(CloseHandle(copy1), TRUE);
-  EXPECT_EQ(CloseHandle(h), TRUE);
-  EXPECT_TRUE(fd_is_open(fd));
-  EXPECT_EQ(CloseHandle(copy2), TRUE);
-  EXPECT_FALSE(fd_is_open(fd));
-  EXPECT_TRUE(Log::lines().empty()) << Log::dump();
-}
-
-TEST(CloseHandle, SocketEventClosesBothDescriptors) {
-  int first = eventfd(0, 0), second = eventfd(0, 0);
-  v_handle_t* h = CreateHandleL(V_HANDLE_SOCKET_EVENT);
-  h->poll_entry.fd = first;
-  h->poll_entry.events = POLLIN;
-  h->tail.second_fd = second;
-  EXPECT_EQ(CloseHandle(h), TRUE);
-  EXPECT_FALSE(fd_is_open(first));
-  EXPECT_FALSE(fd_is_open(second));
-}
-
-TEST(CloseHandle, FindHandleIsRefusedAndItsCountThenGoesBelowZero) {
-  v_handle_t* h = CreateHandleL(V_HANDLE_FIND);
-  EXPECT_EQ(CloseHandle(h), FALSE);
-  EXPECT_EQ(Log::count(3, "FindFirst handle must be close with FirstClose function"), 1);
-  EXPECT_EQ(h->magic, V_HANDLE_MAGIC);  // the record stays
-
-  EXPECT_EQ(CloseHandle(h), FALSE);
-  char expected[128];
-  snprintf(expected, sizeof expected, "CloseHandle %p called more times than should",
-           static_cast<void*>(h));
-  EXPECT_EQ(Log::count(4, expected), 1) << Log::dump();
-  EXPECT_EQ(h->ref_count, -1);
-  free(h);
-}
-
-TEST(CloseHandle, UnknownTypeIsFalseWithBadHandleType) {
-  v_handle_t* h = CreateHandleL(static_cast<v_handle_type_t>(9));
-  EXPECT_EQ(CloseHandle(h), FALSE);
-  EXPECT_EQ(Log::count(3, "bad handle type"), 1);
-  EXPECT_EQ(h->magic, V_HANDLE_MAGIC);
-  free(h);
-}
-
-TEST(CloseHandle, TooManyClosesAreGatedAtLevel4) {
-  v_handle_t* h = CreateHandleL(V_HANDLE_FIND);
+  EXPECT_EQ(CloseHandle(unknown), FALSE);
+  EXPECT_EQ(CloseHandle(find), FALSE);
+  EXPECT_TRUE(unknown->magic == V_HANDLE_MAGIC && find->magic == V_HANDLE_MAGIC);  // records stay
   Log::set_level(3);
-  CloseHandle(h);
-  CloseHandle(h);
-  EXPECT_EQ(Log::lines().size(), 1u) << Log::dump();  // only the level-3 FindFirst line
-  free(h);
+  EXPECT_EQ(CloseHandle(find), FALSE);  // below zero, reported at level 4 only
+  Log::set_level(2);
+  EXPECT_EQ(CloseHandle(&fake), FALSE);  // "bad handle" is level 3
+  Log::set_level(7);
+  EXPECT_EQ(CloseHandle(find), FALSE);
+  EXPECT_EQ(find->ref_count, -2);
+  char too_many[128];
+  snprintf(too_many, sizeof too_many, "4 CloseHandle %p called more times than should",
+           static_cast<void*>(find));
+  EXPECT_EQ(log_lines(),
+            (Lines{"3 bad handle", "3 bad handle type",
+                   "3 FindFirst handle must be close with FirstClose function", too_many}));
+  free(unknown), free(find);
 }
 
-TEST(ProcessHandle, IsStaticCarriesThePidAndSurvivesAnyNumberOfCloses) {
-  HANDLE process = GetCurrentProcess();
-  EXPECT_EQ(process, GetCurrentProcess());
-  auto* record = static_cast<v_handle_t*>(process);
-  EXPECT_EQ(record->magic, V_HANDLE_MAGIC);
-  EXPECT_EQ(record->type, V_HANDLE_PROCESS);
-  EXPECT_EQ(record->tail.pid, getpid());
-  for (int i = 0; i < 3; i++) EXPECT_EQ(CloseHandle(process), TRUE);
-  EXPECT_EQ(record->ref_count, 0);
-
-  HANDLE copy = nullptr;
-  EXPECT_EQ(DuplicateHandle(process, process, process, &copy, 0, 0, 0), TRUE);
-  EXPECT_EQ(copy, process);
-  EXPECT_EQ(CloseHandle(copy), TRUE);
-  EXPECT_TRUE(Log::lines().empty()) << Log::dump();
-}
-
-TEST(ThreadHandle, UnpopulatedIsAllZeroAndPopulatedCanBeClosedFreely) {
-  std::thread([] {
-    EXPECT_EQ(gt_thread_handle.magic, 0u);
-    EXPECT_EQ(CloseHandle(&gt_thread_handle), FALSE);
-    EXPECT_EQ(Log::count(3, "bad handle"), 1);
-
-    PopulateThreadHandle();
-    EXPECT_EQ(gt_thread_handle.magic, V_HANDLE_MAGIC);
-    EXPECT_EQ(gt_thread_handle.type, V_HANDLE_THREAD);
-    EXPECT_EQ(gt_thread_handle.tail.tid, gettid());
-    EXPECT_TRUE(pthread_equal(gt_thread_handle.tail.thread, pthread_self()));
-    EXPECT_EQ(gt_thread_handle.ref_count, 0);
-    EXPECT_EQ(CloseHandle(&gt_thread_handle), TRUE);
-    EXPECT_EQ(CloseHandle(&gt_thread_handle), TRUE);
-  }).join();
-}
-
-TEST(DuplicateHandle, UnsupportedArgumentsAreReportedAtLevel2AndIgnored) {
-  v_handle_t* h = make_fd_handle(eventfd(0, 0));
-  HANDLE copy = nullptr;
-  Log::set_level(0);  // level 2 is issued whatever the logger's level
-  EXPECT_EQ(DuplicateHandle(GetCurrentProcess(), h, nullptr, &copy, 1, 1, 2), TRUE);
-  EXPECT_EQ(copy, h);
-  EXPECT_EQ(Log::count(2, "dwDesiredAccess must be zero"), 1);
-  EXPECT_EQ(Log::count(2, "bInheritHandle must be FALSE"), 1);
-  EXPECT_EQ(Log::count(2, "dwOptions must be DUPLICATE_SAME_ACCESS"), 1);
-  EXPECT_EQ(Log::count(2, "hSourceProcessHandle and hTargetProcessHandle must be equal"), 1);
-  EXPECT_EQ(Log::lines().size(), 4u);
-  EXPECT_EQ(CloseHandle(h), TRUE);
-  EXPECT_EQ(CloseHandle(copy), TRUE);
-}
-
-TEST(DuplicateHandle, RefusesBadSourcesAndSocketEventsLeavingTheTargetAlone) {
-  v_handle_t fake{};
-  HANDLE marker = reinterpret_cast<HANDLE>(0x1234);
-  HANDLE target = marker;
-  EXPECT_EQ(DuplicateHandle(nullptr, &fake, nullptr, &target, 0, 0, 0), FALSE);
-  EXPECT_EQ(DuplicateHandle(nullptr, nullptr, nullptr, &target, 0, 0, 0), FALSE);
-  EXPECT_EQ(target, marker);
-  EXPECT_EQ(Log::count(3, "bad handle"), 2);
-
-  v_handle_t* fd_handle = make_fd_handle(eventfd(0, 0));
-  EXPECT_EQ(DuplicateHandle(nullptr, fd_handle, nullptr, nullptr, 0, 0, 0), FALSE);
-  EXPECT_EQ(fd_handle->ref_count, 1);
-  EXPECT_EQ(Log::count(3, "bad handle"), 3);
-  CloseHandle(fd_handle);
-
-  v_handle_t* socket_event = CreateHandleL(V_HANDLE_SOCKET_EVENT);
-  EXPECT_EQ(DuplicateHandle(nullptr, socket_event, nullptr, &target, 0, 0, 0), FALSE);
-  EXPECT_EQ(Log::count(3, "Socket event handle can not be duplicated."), 1);
-  EXPECT_EQ(target, marker);
-  EXPECT_EQ(socket_event->ref_count, 1);
-  free(socket_event);
-}
-
-TEST(ReferenceCount, ConcurrentDuplicatesAndClosesBalance) {
-  int fd = eventfd(0, 0);
-  v_handle_t* h = make_fd_handle(fd);
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; t++)
-    threads.emplace_back([h] {
-      for (int i = 0; i < 20000; i++) {
-        HANDLE copy = nullptr;
-        DuplicateHandle(nullptr, h, nullptr, &copy, 0, 0, 0);
-        CloseHandle(copy);
-      }
+TEST(DuplicateHandle, AddsReferencesEvenConcurrentlyRefusesWhatItCannotCopyLastCloseFreesFds) {
+  int fd = eventfd(0, 0), first = eventfd(0, 0), second = eventfd(0, 0);
+  v_handle_t* h = CreateHandleL(V_HANDLE_FD);  // as outside code makes one
+  h->tail.fd = fd;
+  std::thread threads[4];
+  for (auto& thread : threads)
+    thread = std::thread([h, copy = HANDLE()]() mutable {
+      for (int i = 0; i < 20000; i++) dup(h, &copy), CloseHandle(copy);
     });
   for (auto& thread : threads) thread.join();
   EXPECT_EQ(h->ref_count, 1);
-  EXPECT_TRUE(fd_is_open(fd));
-  EXPECT_EQ(CloseHandle(h), TRUE);
+
+  // No magic, no source, a socket event: the target is left alone; no target at all.
+  v_handle_t fake{}, *socket_event = CreateHandleL(V_HANDLE_SOCKET_EVENT);
+  socket_event->poll_entry = {first, POLLIN, 0};
+  socket_event->tail.second_fd = second;
+  HANDLE marker = reinterpret_cast<HANDLE>(0x1234), target = marker;
+  for (HANDLE source : {HANDLE(&fake), HANDLE(nullptr), HANDLE(socket_event)})
+    EXPECT_EQ(dup(source, &target), FALSE);
+  EXPECT_EQ(target, marker);
+  EXPECT_EQ(dup(h, nullptr), FALSE);
+  EXPECT_TRUE(h->ref_count == 1 && socket_event->ref_count == 1);
+  EXPECT_EQ(CloseHandle(socket_event), TRUE);  // closes both descriptors
+  EXPECT_FALSE(fd_is_open(first) || fd_is_open(second));
+
+  Log::set_level(0);  // level 2 is issued whatever the logger's level; arguments are ignored
+  HANDLE copy1 = nullptr, copy2 = nullptr;
+  ASSERT_EQ(DuplicateHandle(GetCurrentProcess(), h, nullptr, &copy1, 1, 1, 2), TRUE);
+  ASSERT_EQ(dup(h, &copy2), TRUE);
+  EXPECT_TRUE(copy1 == h && copy2 == h && h->ref_count == 3);
+  EXPECT_TRUE(CloseHandle(copy1) && CloseHandle(h) && fd_is_open(fd));
+  EXPECT_EQ(CloseHandle(copy2), TRUE);
   EXPECT_FALSE(fd_is_open(fd));
+  EXPECT_EQ(log_lines(),
+            (Lines{"3 bad handle", "3 bad handle", "3 Socket event handle can not be duplicated.",
+                   "3 bad handle", "2 dwDesiredAccess must be zero",
+                   "2 bInheritHandle must be FALSE", "2 dwOptions must be DUPLICATE_SAME_ACCESS",
+                   "2 hSourceProcessHandle and hTargetProcessHandle must be equal"}));
 }
 
-TEST(LastError, IsPerThreadAndStartsAtZero) {
+TEST(ProcessAndThreadState, HandlesCarryTheirIdsAndSurviveAnyClosesLastErrorIsPerThread) {
+  HANDLE process = GetCurrentProcess(), copy = nullptr;
+  auto* record = static_cast<v_handle_t*>(process);
+  EXPECT_EQ(process, GetCurrentProcess());
+  EXPECT_TRUE(record->magic == V_HANDLE_MAGIC && record->type == V_HANDLE_PROCESS);
+  EXPECT_EQ(record->tail.pid, getpid());
+  for (int i = 0; i < 3; i++) EXPECT_EQ(CloseHandle(process), TRUE);
+  EXPECT_EQ(record->ref_count, 0);
+  EXPECT_EQ(DuplicateHandle(process, process, process, &copy, 0, 0, 0), TRUE);
+  EXPECT_EQ(copy, process);
+  EXPECT_TRUE(Log::lines().empty()) << Log::dump();
+
+  // The thread handle and the last error start zeroed in each thread.
   SetLastError(183);
-  EXPECT_EQ(GetLastError(), 183u);
   std::thread([] {
-    EXPECT_EQ(GetLastError(), 0u);
+    v_handle_t& t = gt_thread_handle;
+    EXPECT_TRUE(GetLastError() == 0 && t.magic == 0);
+    EXPECT_EQ(CloseHandle(&t), FALSE);
+    EXPECT_EQ(log_lines(), Lines{"3 bad handle"});
+    PopulateThreadHandle();
+    EXPECT_TRUE(t.magic == V_HANDLE_MAGIC && t.type == V_HANDLE_THREAD && t.ref_count == 0);
+    EXPECT_TRUE(t.tail.tid == gettid() && pthread_equal(t.tail.thread, pthread_self()));
+    for (int i = 0; i < 2; i++) EXPECT_EQ(CloseHandle(&t), TRUE);
     SetLastError(6);
     EXPECT_EQ(GetLastError(), 6u);
   }).join();

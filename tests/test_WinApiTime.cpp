@@ -8,51 +8,42 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <map>
 #include <string>
+#include <tuple>
+#include <vector>
 
 #include "WinApiTime.h"
 #include "support.h"
 
 using testsupport::Log;
 using testsupport::ScopedSys;
+using Lines = std::vector<std::string>;
 
 namespace {
 
-struct timespec g_clock_now;
-clockid_t g_clock_id;
-
-int fake_clock(clockid_t id, struct timespec* tp) {
-  g_clock_id = id;
-  *tp = g_clock_now;
-  return 0;
-}
-
-struct FakeClock : ScopedSys<decltype(commonl::sys.clock_gettime)> {
-  FakeClock() : ScopedSys(commonl::sys.clock_gettime, fake_clock) {}
-  void set(uint64_t ns) {
-    g_clock_now.tv_sec = static_cast<time_t>(ns / 1000000000u);
-    g_clock_now.tv_nsec = static_cast<long>(ns % 1000000000u);
-  }
-};
+const uint64_t kSecond = 10000000, kHour = 3600 * kSecond, kDay = 24 * kHour;
 
 FILETIME ft_of(uint64_t count) {
   FILETIME ft;
   commonl::filetime_store(&ft, count);
   return ft;
 }
-
 uint64_t count_of(const FILETIME& ft) { return commonl::filetime_count(&ft); }
 
-SYSTEMTIME st_of(uint16_t year, uint16_t month, uint16_t day, uint16_t hour = 0,
-                 uint16_t minute = 0, uint16_t second = 0, uint16_t ms = 0) {
-  return {year, month, 0, day, hour, minute, second, ms};
+// "year-month-day hour:minute:second.ms"; the fields left out are 0.
+SYSTEMTIME st_of(const std::string& text) {
+  SYSTEMTIME st = {};
+  sscanf(text.c_str(), "%hu-%hu-%hu %hu:%hu:%hu.%hu", &st.wYear, &st.wMonth, &st.wDay, &st.wHour,
+         &st.wMinute, &st.wSecond, &st.wMilliseconds);
+  return st;
 }
-
 uint64_t count_of(const SYSTEMTIME& st) {
   FILETIME ft = ft_of(0xdeadbeefdeadbeefull);
   EXPECT_EQ(SystemTimeToFileTime(&st, &ft), 1);
   return count_of(ft);
 }
+uint64_t count_of(const std::string& text) { return count_of(st_of(text)); }
 
 // "year-month-day (day of week) hour:minute:second.ms"
 std::string text(const SYSTEMTIME& st) {
@@ -62,29 +53,45 @@ std::string text(const SYSTEMTIME& st) {
   return out;
 }
 
-const uint64_t kSecond = 10000000;
-const uint64_t kDay = 86400 * kSecond;
-const uint64_t kHour = 3600 * kSecond;
+// What the library's clocks answer while a Clocks object lives.
+std::map<clockid_t, struct timespec> g_clocks;  // clock_gettime; a clock not set reads 0
+struct timeval g_wall_clock;                    // gettimeofday, with this result and errno
+int g_wall_result, g_wall_errno;
+time_t g_now;  // time
 
-// Selects a zone for the process through TZ for the life of the object.
-class Zone {
- public:
-  explicit Zone(const char* tz) : had_(getenv("TZ") != nullptr), saved_(had_ ? getenv("TZ") : "") {
-    setenv("TZ", tz, 1);
-    tzset();
-  }
-  ~Zone() {
-    had_ ? setenv("TZ", saved_.c_str(), 1) : unsetenv("TZ");
-    tzset();
-  }
-
- private:
-  bool had_;
-  std::string saved_;
+struct Clocks {
+  ScopedSys<decltype(commonl::sys.clock_gettime)> clock{commonl::sys.clock_gettime,
+                                                        [](clockid_t id, struct timespec* tp) {
+                                                          *tp = g_clocks[id];
+                                                          return 0;
+                                                        }};
+  ScopedSys<decltype(commonl::sys.gettimeofday)> wall{commonl::sys.gettimeofday,
+                                                      [](struct timeval* tv, void* tz) {
+                                                        EXPECT_EQ(tz, nullptr);
+                                                        *tv = g_wall_clock, errno = g_wall_errno;
+                                                        return g_wall_result;
+                                                      }};
+  ScopedSys<decltype(commonl::sys.time)> seconds{commonl::sys.time, [](time_t*) { return g_now; }};
 };
 
-const char* const kOneHourEast = "<+01>-1";
-const char* const kCentralEurope = "CET-1CEST,M3.5.0,M10.5.0/3";
+struct timespec at(uint64_t ns) {
+  return {time_t(ns / 1000000000), long(ns % 1000000000)};
+}
+
+void zone(const char* tz) {
+  setenv("TZ", tz, 1);
+  tzset();
+}
+const char *const kEast = "<+01>-1", *const kCet = "CET-1CEST,M3.5.0,M10.5.0/3";
+
+// The log so far as "level function: text", then cleared.
+Lines log_lines() {
+  Lines out;
+  for (const auto& l : Log::lines())
+    out.push_back(std::to_string(l.level) + " " + l.function + ": " + l.text);
+  Log::clear();
+  return out;
+}
 
 }  // namespace
 
@@ -93,176 +100,126 @@ const char* const kCentralEurope = "CET-1CEST,M3.5.0,M10.5.0/3";
 // The first reading of the process: ctest runs every case in a process of
 // its own, and this case comes first in the file.
 TEST(TickCounts, FirstReadingIsZeroTheBaseIsSharedAndGetTickCountWraps) {
-  FakeClock clock;
-  const uint64_t base = 5000000000000ull, wrap_ns = 4294967296ull * 1000000u;
-  clock.set(base);
+  Clocks clocks;
+  const uint64_t base = 5000000000000ull, wrap = 4294967296ull * 1000000u;
+  g_clocks[CLOCK_MONOTONIC] = at(base);
   EXPECT_EQ(GetTickCount(), 0u);
-  EXPECT_EQ(g_clock_id, CLOCK_MONOTONIC);
-  clock.set(base + 1999999);
-  EXPECT_EQ(getTimestampNanosecs(), 1999999u);
-  EXPECT_EQ(GetTickCount(), 1u);  // truncated, not rounded
-  EXPECT_EQ(GetTickCount64(), 1u);
-  clock.set(base + wrap_ns - 1);
-  EXPECT_EQ(GetTickCount(), 4294967295u);
-  EXPECT_EQ(GetTickCount64(), 4294967295u);
-  clock.set(base + wrap_ns + 5000000);
-  EXPECT_EQ(GetTickCount(), 5u);
-  EXPECT_EQ(GetTickCount64(), 4294967301u);
+  // Nanoseconds since the base, milliseconds truncated, GetTickCount the low 32 bits.
+  const uint64_t rows[][2] = {{1999999, 1}, {wrap - 1, 4294967295u}, {wrap + 5000000, 4294967301u}};
+  for (const auto& r : rows) {
+    g_clocks[CLOCK_MONOTONIC] = at(base + r[0]);
+    EXPECT_EQ(getTimestampNanosecs(), r[0]);
+    EXPECT_EQ(GetTickCount64(), r[1]);
+    EXPECT_EQ(GetTickCount(), static_cast<DWORD>(r[1]));
+  }
 }
 
-TEST(TimeGetTime, BootClockInMillisecondsModulo2To32) {
-  FakeClock clock;
-  g_clock_now = {1, 2345678};
-  EXPECT_EQ(timeGetTime(), 1002u);
-  EXPECT_EQ(g_clock_id, CLOCK_BOOTTIME);
-  g_clock_now = {4294967, 295999999};
-  EXPECT_EQ(timeGetTime(), 4294967295u);
-  g_clock_now = {4294967, 296000000};
-  EXPECT_EQ(timeGetTime(), 0u);
-  g_clock_now = {(1L << 32) + 5, 0};  // only the low 32 bits of the seconds count
-  EXPECT_EQ(timeGetTime(), 5000u);
-}
-
-TEST(GetMillis, MillisecondOfTheMicrosecondsOnly) {
-  struct timeval samples[] = {{12345, 999999}, {0, 999999}, {77, 999}, {77, 1000}, {77, 1000000}};
-  int expected[] = {999, 999, 0, 1, 0};
-  for (int i = 0; i < 5; i++) EXPECT_EQ(GetMillis(&samples[i]), expected[i]) << i;
+TEST(Milliseconds, OfTheBootClockModulo2To32AndOfTheMicrosecondsOnly) {
+  Clocks clocks;
+  // timeGetTime; the last: only the low 32 bits of the seconds count.
+  const std::pair<struct timespec, DWORD> boot[] = {{{1, 2345678}, 1002},
+                                                    {{4294967, 295999999}, 4294967295u},
+                                                    {{4294967, 296000000}, 0},
+                                                    {{(1L << 32) + 5, 0}, 5000}};
+  for (const auto& [now, ms] : boot) {
+    g_clocks[CLOCK_BOOTTIME] = now;
+    EXPECT_EQ(timeGetTime(), ms);
+  }
+  // GetMillis
+  const std::pair<struct timeval, int> tvs[] = {
+      {{12345, 999999}, 999}, {{77, 999}, 0}, {{77, 1000}, 1}, {{77, 1000000}, 0}};
+  for (const auto& [tv, ms] : tvs) EXPECT_EQ(GetMillis(&tv), ms) << tv.tv_usec;
 }
 
 TEST(GetSystemTimeAsFileTime, WholeSecondsOnTheFileTimeScale) {
-  {
-    ScopedSys<decltype(commonl::sys.time)> fake(commonl::sys.time,
-                                                [](time_t*) -> time_t { return 1; });
-    FILETIME ft = ft_of(0);
-    GetSystemTimeAsFileTime(&ft);
-    EXPECT_EQ(count_of(ft), 116444736010000000u);
-    FILETIME again = ft_of(0);
-    GetSystemTimeAsFileTime(&again);
-    EXPECT_EQ(count_of(again), count_of(ft));
-  }
-  time_t before = time(nullptr);
+  const uint64_t before = time(nullptr);
   FILETIME ft;
   GetSystemTimeAsFileTime(&ft);
-  time_t after = time(nullptr);
-  uint64_t count = count_of(ft);
+  const uint64_t count = count_of(ft), after = time(nullptr);
   EXPECT_EQ(count % kSecond, 0u);
-  EXPECT_GE(count, UNIX_EPOCH_FILETIME + static_cast<uint64_t>(before) * kSecond);
-  EXPECT_LE(count, UNIX_EPOCH_FILETIME + static_cast<uint64_t>(after) * kSecond);
+  EXPECT_GE(count, UNIX_EPOCH_FILETIME + before * kSecond);
+  EXPECT_LE(count, UNIX_EPOCH_FILETIME + after * kSecond);
+  Clocks clocks;
+  g_now = 1;
+  GetSystemTimeAsFileTime(&ft);
+  EXPECT_EQ(count_of(ft), 116444736010000000u);
 }
 
 // --- records ---
 
-TEST(FileTime, CountIsOneLittleEndian64BitValueOverTheWin32Halves) {
+TEST(SystemTimeToFileTime, KnownCountsUnitsLeapYearsAndNormalisationOnBothPaths) {
+  // Before 1900 and after it the paths differ; they meet without a gap. Below
+  // 1900 a month outside 1 to 12 moves into the neighbouring years.
+  const std::pair<const char*, uint64_t> known[] = {
+      {"1601-1-1", 0},
+      {"1600-12-31 23:59:59.999", 0 - uint64_t{10000}},
+      {"1800-0-1", 62771328000000000u},   // 1799-12-01
+      {"1800-13-1", 63113472000000000u},  // 1801-01-01
+      {"1850-6-15 12:34:56.789", 78719492967890000u},
+      {"1899-12-31 23:59:59.999", 94354847999990000u},
+      {"1900-1-1", 94354848000000000u},
+      {"1900-1-2", EARLY_FILETIME_LIMIT},
+      {"1955-3-4 5:6:7.8", 111764631670080000u},
+      {"1970-1-1", UNIX_EPOCH_FILETIME},
+      {"2021-6-15 12:34:56.789", 132682340967890000u},
+      {"2021-13-1", 132854688000000000u}};
+  for (const auto& k : known) EXPECT_EQ(count_of(k.first), k.second) << k.first;
+  const char* const same[][2] = {{"1899-13-1", "1900-1-1"},    {"2021-13-1", "2022-1-1"},
+                                 {"1000-65535-1", "6461-3-1"}, {"1850-1-32", "1850-2-1"},
+                                 {"1850-1-1 24", "1850-1-2"},  {"1850-1-0", "1849-12-31"}};
+  for (const auto& s : same) EXPECT_EQ(count_of(s[0]), count_of(s[1])) << s[0];
+
+  // Each field counts with its unit; the day of the week doesn't count.
+  using S = SYSTEMTIME;
+  const std::pair<uint16_t S::*, uint64_t> units[] = {
+      {&S::wYear, 365 * kDay},    {&S::wMonth, 30 * kDay},     {&S::wDay, kDay},
+      {&S::wHour, kHour},         {&S::wMinute, 60 * kSecond}, {&S::wSecond, kSecond},
+      {&S::wMilliseconds, 10000}, {&S::wDayOfWeek, 0}};
+  for (const char* base : {"1850-6-15 12:34:56.789", "2021-6-15 12:34:56.789"})
+    for (const auto& u : units) {
+      SYSTEMTIME st = st_of(base);
+      st.*u.first = static_cast<uint16_t>(st.*u.first + 1);
+      EXPECT_EQ(count_of(st) - count_of(base), u.second) << text(st);
+    }
+
+  // Days from February 28 to March 1 on the Gregorian rules.
+  const std::pair<std::string, uint64_t> februaries[] = {{"1600", 2}, {"1800", 1}, {"1896", 2},
+                                                         {"1900", 1}, {"2000", 2}, {"2021", 1}};
+  for (const auto& f : februaries)
+    EXPECT_EQ(count_of(f.first + "-3-1") - count_of(f.first + "-2-28"), f.second * kDay) << f.first;
+}
+
+TEST(FileTime, LittleEndianHalvesEpochSecondsAndRecordsTruncatedAndWrappedBeforeTheEpoch) {
   FILETIME ft = ft_of(0x0123456789abcdefull);
-  EXPECT_EQ(ft.dwLowDateTime, 0x89abcdefu);
-  EXPECT_EQ(ft.dwHighDateTime, 0x01234567u);
+  EXPECT_EQ(std::make_pair(ft.dwLowDateTime, ft.dwHighDateTime),
+            std::make_pair(0x89abcdefu, 0x01234567u));
   LARGE_INTEGER li;
   li.QuadPart = -2;
-  EXPECT_EQ(li.LowPart, 0xfffffffeu);
-  EXPECT_EQ(li.u.HighPart, -1);
-}
-
-TEST(SystemTimeToFileTime, KnownCountsOnBothPathsAndAtTheirSeam) {
-  EXPECT_EQ(count_of(st_of(1601, 1, 1)), 0u);
-  EXPECT_EQ(count_of(st_of(1600, 12, 31, 23, 59, 59, 999)), 0 - uint64_t{10000});
-  EXPECT_EQ(count_of(st_of(1850, 6, 15, 12, 34, 56, 789)), 78719492967890000u);
-  EXPECT_EQ(count_of(st_of(1899, 12, 31, 23, 59, 59, 999)), 94354847999990000u);
-  EXPECT_EQ(count_of(st_of(1900, 1, 1)), 94354848000000000u);
-  EXPECT_EQ(count_of(st_of(1900, 1, 2)), EARLY_FILETIME_LIMIT);
-  EXPECT_EQ(count_of(st_of(1955, 3, 4, 5, 6, 7, 8)), 111764631670080000u);
-  EXPECT_EQ(count_of(st_of(1970, 1, 1)), UNIX_EPOCH_FILETIME);
-  EXPECT_EQ(count_of(st_of(2000, 1, 1, 0, 0, 0, 500)), 125911584005000000u);
-  EXPECT_EQ(count_of(st_of(2021, 6, 15, 12, 34, 56, 789)), 132682340967890000u);
-  // The two paths meet without a gap.
-  EXPECT_EQ(count_of(st_of(1900, 1, 1)) - count_of(st_of(1899, 12, 31, 23, 59, 59, 999)), 10000u);
-}
-
-TEST(SystemTimeToFileTime, EveryFieldCountsWithItsUnitOnBothPaths) {
-  const struct {
-    uint16_t SYSTEMTIME::*field;
-    uint64_t unit;
-  } fields[] = {{&SYSTEMTIME::wYear, 365 * kDay},
-                {&SYSTEMTIME::wMonth, 30 * kDay},
-                {&SYSTEMTIME::wDay, kDay},
-                {&SYSTEMTIME::wHour, kHour},
-                {&SYSTEMTIME::wMinute, 60 * kSecond},
-                {&SYSTEMTIME::wSecond, kSecond},
-                {&SYSTEMTIME::wMilliseconds, 10000},
-                {&SYSTEMTIME::wDayOfWeek, 0}};
-  for (uint16_t year : {1850, 2021}) {
-    const SYSTEMTIME base = st_of(year, 6, 15, 12, 34, 56, 789);
-    for (const auto& f : fields) {
-      SYSTEMTIME st = base;
-      st.*f.field = static_cast<uint16_t>(st.*f.field + 1);
-      EXPECT_EQ(count_of(st) - count_of(base), f.unit) << text(st);
-    }
+  EXPECT_EQ(std::make_pair(li.LowPart, li.u.HighPart), std::make_pair(0xfffffffeu, -1));
+  // Before the epoch the seconds wrap: dates in the years 60056 to 60425.
+  const std::tuple<uint64_t, uint64_t, int, const char*> rows[] = {
+      {UNIX_EPOCH_FILETIME, 0, 0, "1970-1-1 (4) 0:0:0.0"},
+      {UNIX_EPOCH_FILETIME + 12345678, 1, 234, "1970-1-1 (4) 0:0:1.234"},
+      {132682340967899999u, 1623760496u, 789, "2021-6-15 (2) 12:34:56.789"},
+      {0, 1833029933770u, 0, "60056-5-28 (0) 5:36:10.0"},
+      {UNIX_EPOCH_FILETIME - 1, 1844674407370u, 999, "60425-5-28 (3) 5:36:10.999"}};
+  for (const auto& [count, seconds, milliseconds, record] : rows) {
+    ft = ft_of(count);
+    int ms = -1;
+    EXPECT_EQ(FileTimeToEpoch(ft, ms), seconds) << count;
+    EXPECT_EQ(ms, milliseconds);
+    SYSTEMTIME st;
+    EXPECT_EQ(FileTimeToSystemTime(&ft, &st), 1);
+    EXPECT_EQ(text(st), record);
   }
-}
-
-TEST(SystemTimeToFileTime, LeapYearsOnTheGregorianRules) {
-  auto february_gap = [](int year) {
-    return (count_of(st_of(year, 3, 1)) - count_of(st_of(year, 2, 28))) / kDay;
-  };
-  EXPECT_EQ(february_gap(1600), 2u);
-  EXPECT_EQ(february_gap(1800), 1u);
-  EXPECT_EQ(february_gap(1896), 2u);
-  EXPECT_EQ(february_gap(1900), 1u);
-  EXPECT_EQ(february_gap(2000), 2u);
-  EXPECT_EQ(february_gap(2021), 1u);
-}
-
-TEST(SystemTimeToFileTime, FieldsOutOfRangeNormaliseOnBothPaths) {
-  EXPECT_EQ(count_of(st_of(2021, 13, 1)), count_of(st_of(2022, 1, 1)));
-  EXPECT_EQ(count_of(st_of(2021, 13, 1)), 132854688000000000u);
-  // Below 1900 a month outside 1 to 12 moves into the neighbouring years.
-  EXPECT_EQ(count_of(st_of(1899, 13, 1)), 94354848000000000u);
-  EXPECT_EQ(count_of(st_of(1800, 0, 1)), 62771328000000000u);   // 1799-12-01
-  EXPECT_EQ(count_of(st_of(1800, 13, 1)), 63113472000000000u);  // 1801-01-01
-  EXPECT_EQ(count_of(st_of(1000, 65535, 1)), count_of(st_of(6461, 3, 1)));
-  EXPECT_EQ(count_of(st_of(1850, 1, 32)), count_of(st_of(1850, 2, 1)));
-  EXPECT_EQ(count_of(st_of(1850, 1, 1, 24)), count_of(st_of(1850, 1, 2)));
-  EXPECT_EQ(count_of(st_of(1850, 1, 0)), count_of(st_of(1849, 12, 31)));
-}
-
-TEST(FileTimeToEpoch, SecondsAndTruncatedMillisecondsAndTheWrapBeforeTheEpoch) {
-  int ms = -1;
-  EXPECT_EQ(FileTimeToEpoch(ft_of(UNIX_EPOCH_FILETIME + 12345678), ms), 1u);
-  EXPECT_EQ(ms, 234);
-  EXPECT_EQ(FileTimeToEpoch(ft_of(132682340967899999u), ms), 1623760496u);
-  EXPECT_EQ(ms, 789);
-  EXPECT_EQ(FileTimeToEpoch(ft_of(0), ms), 1833029933770u);
-  EXPECT_EQ(ms, 0);
-  EXPECT_EQ(FileTimeToEpoch(ft_of(UNIX_EPOCH_FILETIME - 1), ms), 1844674407370u);
-  EXPECT_EQ(ms, 999);
-
-  FILETIME ft;
   MillisecondsToFileTime(1623760496789ul, &ft);
   EXPECT_EQ(count_of(ft), 132682340967890000u);
 }
 
-TEST(FileTimeToSystemTime, BreaksDownInUtcWithTruncatedMilliseconds) {
-  SYSTEMTIME st;
-  FILETIME ft = ft_of(UNIX_EPOCH_FILETIME);
-  EXPECT_EQ(FileTimeToSystemTime(&ft, &st), 1);
-  EXPECT_EQ(text(st), "1970-1-1 (4) 0:0:0.0");
-  ft = ft_of(132682340967899999u);
-  FileTimeToSystemTime(&ft, &st);
-  EXPECT_EQ(text(st), "2021-6-15 (2) 12:34:56.789");
-  // Before the epoch the seconds wrap: dates in the years 60056 to 60425.
-  ft = ft_of(0);
-  FileTimeToSystemTime(&ft, &st);
-  EXPECT_EQ(text(st), "60056-5-28 (0) 5:36:10.0");
-  ft = ft_of(UNIX_EPOCH_FILETIME - 1);
-  FileTimeToSystemTime(&ft, &st);
-  EXPECT_EQ(text(st), "60425-5-28 (3) 5:36:10.999");
-}
-
 TEST(FillRecords, FieldByFieldBothWays) {
   static char zone_name[] = "XYZ";
-  struct tm tm;
-  memset(&tm, 0, sizeof tm);
-  tm.tm_year = 121, tm.tm_mon = 5, tm.tm_wday = 2, tm.tm_mday = 15;
-  tm.tm_hour = 12, tm.tm_min = 34, tm.tm_sec = 60;
+  // sec, min, hour, mday, mon, year, wday, yday, isdst, gmtoff, zone
+  struct tm tm = {60, 34, 12, 15, 5, 121, 2, 123, 1, 3600, zone_name};
   SYSTEMTIME st;
   fillSystemTimeWithLinuxTm(&st, &tm, 789);
   EXPECT_EQ(text(st), "2021-6-15 (2) 12:34:60.789");
@@ -270,271 +227,126 @@ TEST(FillRecords, FieldByFieldBothWays) {
   fillSystemTimeWithLinuxTm(&st, &tm, 0);
   EXPECT_EQ(st.wYear, 364);
 
-  tm.tm_yday = 123, tm.tm_isdst = 1, tm.tm_gmtoff = 3600, tm.tm_zone = zone_name;
-  st = st_of(1899, 12, 31, 23, 58, 57, 999);
+  st = st_of("1899-12-31 23:58:57.999");
   st.wDayOfWeek = 4;
   fillLinuxTmWithWinSystemTime(&tm, &st);
-  char out[64];
-  strftime(out, sizeof out, "%Y-%m-%d %w %H:%M:%S", &tm);
-  EXPECT_STREQ(out, "1899-12-31 4 23:58:57");
-  // Left as they were:
-  EXPECT_EQ(tm.tm_yday, 123);
-  EXPECT_EQ(tm.tm_isdst, 1);
-  EXPECT_EQ(tm.tm_gmtoff, 3600);
-  EXPECT_EQ(tm.tm_zone, zone_name);
+  // The fields a SYSTEMTIME doesn't have are left as they were.
+  EXPECT_EQ(std::make_tuple(tm.tm_sec, tm.tm_min, tm.tm_hour, tm.tm_mday, tm.tm_mon, tm.tm_year,
+                            tm.tm_wday, tm.tm_yday, tm.tm_isdst, tm.tm_gmtoff, tm.tm_zone),
+            std::make_tuple(57, 58, 23, 31, 11, -1, 4, 123, 1, 3600L, zone_name));
 }
 
 // --- GetLocalTime and GetSystemTime ---
 
-namespace {
-
-struct timeval g_wall_clock;
-int g_wall_clock_result;
-int g_wall_clock_errno;
-
-int fake_gettimeofday(struct timeval* tv, void* tz) {
-  EXPECT_EQ(tz, nullptr);
-  *tv = g_wall_clock;
-  errno = g_wall_clock_errno;
-  return g_wall_clock_result;
-}
-
-struct FakeWallClock : ScopedSys<decltype(commonl::sys.gettimeofday)> {
-  FakeWallClock(time_t seconds, long microseconds, int result = 0, int error = 0)
-      : ScopedSys(commonl::sys.gettimeofday, fake_gettimeofday) {
-    g_wall_clock = {seconds, microseconds};
-    g_wall_clock_result = result;
-    g_wall_clock_errno = error;
-  }
-};
-
-std::string with_tid(const char* format) {
-  char out[256];
-  snprintf(out, sizeof out, format, static_cast<unsigned int>(pthread_self()));
-  return out;
-}
-
-}  // namespace
-
-TEST(GetSystemTime, UtcFieldsWithTheMillisecondOfTheMicroseconds) {
-  Zone zone(kOneHourEast);
-  FakeWallClock clock(1700000000, 123999);
+TEST(GetSystemTime, FieldsWithTheMillisecondOfTheMicrosecondsFailuresLoggedAtLevel3) {
+  zone(kEast);
+  Clocks clocks;
+  g_wall_clock = {1700000000, 123999};
   SYSTEMTIME st;
   GetSystemTime(&st);
   EXPECT_EQ(text(st), "2023-11-14 (2) 22:13:20.123");
   GetLocalTime(&st);
-  EXPECT_EQ(text(st), "2023-11-14 (2) 23:13:20.123");
-  EXPECT_TRUE(Log::lines().empty()) << Log::dump();
-}
+  EXPECT_EQ(text(st), "2023-11-14 (2) 23:13:20.123");  // and nothing logged: see below
 
-TEST(GetSystemTime, FailuresAreLoggedAtLevel3AndLeaveTheRecord) {
-  SYSTEMTIME st = st_of(1, 2, 3, 4, 5, 6, 7);
-  {
-    FakeWallClock clock(0, 0, -1, EINVAL);
-    GetLocalTime(&st);
-    GetSystemTime(&st);
-  }
-  {
-    FakeWallClock clock(0, 0, 5);
-    GetLocalTime(&st);
-    GetSystemTime(&st);
-  }
-  {
-    FakeWallClock clock(LONG_MAX, 0);  // no year can hold it
+  // A failed call, an odd result and a time no year can hold leave the record.
+  st = st_of("1-2-3 4:5:6.7");
+  const std::tuple<time_t, int, int> failures[] = {{0, -1, EINVAL}, {0, 5, 0}, {LONG_MAX, 0, 0}};
+  for (const auto& [seconds, result, error] : failures) {
+    g_wall_clock = {seconds, 0}, g_wall_result = result, g_wall_errno = error;
     GetLocalTime(&st);
     GetSystemTime(&st);
   }
   EXPECT_EQ(text(st), "1-2-3 (0) 4:5:6.7");
-  auto lines = Log::lines();
-  ASSERT_EQ(lines.size(), 6u) << Log::dump();
-  const char* expected[] = {
-      "[tid=0x%x] GetLocalTime: gettimeofday failed with error [22, Invalid argument]",
-      "[tid=0x%x] GetSystemTime: gettimeofday failed with error [22, Invalid argument]",
-      "[tid=0x%x] GetLocalTime: gettimeofday failed with ret = 5",
-      "[tid=0x%x] GetSystemTime: gettimeofday failed with ret = 5",
-      "[tid=0x%x] GetLocalTime: Failed, returned NULL == localtime_r() ",
-      "[tid=0x%x] GetSystemTime: Failed, returned NULL == gmtime_r() ",
-  };
-  for (size_t i = 0; i < 6; i++) {
-    EXPECT_EQ(lines[i].level, 3);
-    EXPECT_EQ(lines[i].text, with_tid(expected[i]));
-    EXPECT_EQ(lines[i].file, "../CommonL/WinApiTime");
-    EXPECT_EQ(lines[i].function, i % 2 == 0 ? "GetLocalTime" : "GetSystemTime");
-  }
+  for (const auto& line : Log::lines()) EXPECT_EQ(line.file, "../CommonL/WinApiTime");
+  char tid[32];
+  snprintf(tid, sizeof tid, "[tid=0x%x] ", static_cast<unsigned int>(pthread_self()));
+  const std::string local = std::string("3 GetLocalTime: ") + tid + "GetLocalTime: ",
+                    system = std::string("3 GetSystemTime: ") + tid + "GetSystemTime: ",
+                    error = "gettimeofday failed with error [22, Invalid argument]",
+                    ret = "gettimeofday failed with ret = 5";
+  EXPECT_EQ(log_lines(), (Lines{local + error, system + error, local + ret, system + ret,
+                                local + "Failed, returned NULL == localtime_r() ",
+                                system + "Failed, returned NULL == gmtime_r() "}));
 }
 
 // --- local conversions ---
 
-namespace {
-uint64_t to_local(uint64_t count) {
-  FILETIME in = ft_of(count), out = ft_of(0);
-  EXPECT_EQ(FileTimeToLocalFileTime(&in, &out), 1);
-  return count_of(out);
-}
-
-uint64_t to_utc(uint64_t count) {
-  FILETIME in = ft_of(count), out = ft_of(0);
-  EXPECT_EQ(LocalFileTimeToFileTime(&in, &out), 1);
-  return count_of(out);
-}
-}  // namespace
-
-TEST(LocalFileTime, OneHourEastOnBothSidesOfTheEarlyLimit) {
-  Zone zone(kOneHourEast);
-  // Above the limit: shifted, the digits below the millisecond dropped.
-  EXPECT_EQ(to_local(125911584005009999u), 125911620005000000u);
-  EXPECT_EQ(to_utc(125911620005009999u), 125911584005000000u);
-  // Up to the limit: the offset of the Unix epoch, every digit kept.
-  EXPECT_EQ(to_local(EARLY_FILETIME_LIMIT), 94355748000000000u);
-  EXPECT_EQ(to_local(94355711999999999u), 94355747999999999u);
-  EXPECT_EQ(to_utc(EARLY_FILETIME_LIMIT), 94355676000000000u);
-  EXPECT_EQ(to_utc(94355711999999999u), 94355675999999999u);
-  EXPECT_EQ(to_local(0), kHour);
-  EXPECT_EQ(to_utc(0), 0 - kHour);
-}
-
-TEST(LocalFileTime, CountsBetweenTheLimitAndTheEpochWrapAndAreOffBy2To64Mod10To7) {
-  Zone zone(kOneHourEast);
-  EXPECT_EQ(to_local(EARLY_FILETIME_LIMIT + 1), EARLY_FILETIME_LIMIT + kHour - 9551616);
-  EXPECT_EQ(to_utc(EARLY_FILETIME_LIMIT + 1), EARLY_FILETIME_LIMIT - kHour - 9551616);
-  const uint64_t before_epoch = UNIX_EPOCH_FILETIME - kSecond;
-  EXPECT_EQ(to_local(before_epoch), before_epoch + kHour - 9551616);
-  EXPECT_EQ(to_utc(before_epoch), before_epoch - kHour - 9551616);
+// Above the early limit a count shifts by the offset of its moment and loses
+// the digits below the millisecond; up to the limit it shifts by the offset
+// of the Unix epoch and keeps every digit; between the limit and the epoch
+// it wraps and is off by 2^64 mod 10^7. An epoch shifts by its moment's rule.
+TEST(LocalTime, FileTimesOnBothSidesOfTheEarlyLimitAndEpochsWithDaylightSaving) {
+  const uint64_t limit = EARLY_FILETIME_LIMIT, off = 9551616, pre = UNIX_EPOCH_FILETIME - kSecond;
+  // 2021-07-01 10:00, 2021-01-15 12:00, 1850-07-01 12:00 UTC
+  const uint64_t summer = 132696072000000000u, winter = 132551856000000000u,
+                 old = 78733296000000000u;
   // Past 0.0448384 s into a second the carry turns the error round.
-  EXPECT_EQ(to_local(before_epoch + 5009999), before_epoch + 5009999 + kHour + 448384 - 9999);
-}
-
-TEST(LocalFileTime, DaylightSavingAboveTheLimitOnlyTheEpochOffsetBelowIt) {
-  Zone zone(kCentralEurope);
-  const uint64_t summer_utc = 132696072000000000u;  // 2021-07-01 10:00 UTC
-  EXPECT_EQ(to_local(summer_utc), summer_utc + 2 * kHour);
-  EXPECT_EQ(to_utc(summer_utc + 2 * kHour), summer_utc);
-  const uint64_t winter_utc = count_of(st_of(2021, 1, 15, 12));
-  EXPECT_EQ(to_local(winter_utc), winter_utc + kHour);
-  EXPECT_EQ(to_utc(winter_utc + kHour), winter_utc);
-  const uint64_t early_summer = 78733296000000000u;  // 1850-07-01 12:00
-  EXPECT_EQ(to_utc(early_summer), early_summer - kHour);
-  EXPECT_EQ(to_local(early_summer), early_summer + kHour);
-}
-
-TEST(LocalEpoch, DaylightSavingRuleOfTheInstant) {
-  Zone zone(kCentralEurope);
-  const long summer = 1625133600;  // 2021-07-01 10:00 UTC
-  EXPECT_EQ(UtcEpochToLocalEpoch(summer), summer + 7200);
-  EXPECT_EQ(LocalEpochToUtcEpoch(summer + 7200), summer);
-  const long winter = 1610712000;  // 2021-01-15 12:00 UTC
-  EXPECT_EQ(UtcEpochToLocalEpoch(winter), winter + 3600);
-  EXPECT_EQ(LocalEpochToUtcEpoch(winter + 3600), winter);
-  Zone utc("UTC0");
-  EXPECT_EQ(UtcEpochToLocalEpoch(summer), summer);
-  EXPECT_EQ(LocalEpochToUtcEpoch(summer), summer);
+  const uint64_t carry = pre + 5009999, carried = carry + 448384 - 9999;
+  // A count, and what it gives as UTC to FileTimeToLocalFileTime and as local
+  // time to LocalFileTimeToFileTime.
+  const std::tuple<const char*, uint64_t, uint64_t, uint64_t> rows[] = {
+      {kEast, 125911584005009999u, 125911620005000000u, 125911548005000000u},
+      {kEast, limit, 94355748000000000u, 94355676000000000u},
+      {kEast, 94355711999999999u, 94355747999999999u, 94355675999999999u},
+      {kEast, 0, kHour, 0 - kHour},
+      {kEast, limit + 1, limit + kHour - off, limit - kHour - off},
+      {kEast, pre, pre + kHour - off, pre - kHour - off},
+      {kEast, carry, carried + kHour, carried - kHour},
+      {kCet, summer, summer + 2 * kHour, summer - 2 * kHour},
+      {kCet, winter, winter + kHour, winter - kHour},
+      {kCet, old, old + kHour, old - kHour}};  // no daylight saving in 1850
+  for (const auto& [tz, count, local, utc] : rows) {
+    zone(tz);
+    FILETIME in = ft_of(count), out = ft_of(0);
+    EXPECT_EQ(FileTimeToLocalFileTime(&in, &out), 1);
+    EXPECT_EQ(count_of(out), local) << tz << " " << count << " as UTC";
+    EXPECT_EQ(LocalFileTimeToFileTime(&in, &out), 1);
+    EXPECT_EQ(count_of(out), utc) << tz << " " << count << " as local time";
+  }
+  const long summer_epoch = 1625133600, winter_epoch = 1610712000;
+  const std::tuple<const char*, long, long> epochs[] = {{kCet, summer_epoch, summer_epoch + 7200},
+                                                        {kCet, winter_epoch, winter_epoch + 3600},
+                                                        {"UTC0", summer_epoch, summer_epoch}};
+  for (const auto& [tz, utc, local] : epochs) {
+    zone(tz);
+    EXPECT_EQ(UtcEpochToLocalEpoch(utc), local) << tz << " " << utc;
+    EXPECT_EQ(LocalEpochToUtcEpoch(local), utc) << tz << " " << utc;
+  }
 }
 
 // --- time zone information ---
 
-namespace {
-
-time_t g_fixed_now;
-
-struct FixedTime : ScopedSys<decltype(commonl::sys.time)> {
-  explicit FixedTime(time_t now)
-      : ScopedSys(commonl::sys.time, [](time_t*) { return g_fixed_now; }) {
-    g_fixed_now = now;
-  }
-};
-
-// Every byte set, so that a field the call leaves alone shows.
-TIME_ZONE_INFORMATION filled_record() {
-  TIME_ZONE_INFORMATION info;
-  memset(&info, 0xab, sizeof info);
-  return info;
-}
-
-void expect_cleared_but_bias_name_and_daylight_bias(const TIME_ZONE_INFORMATION& info) {
-  const TIME_ZONE_INFORMATION zero = {};
-  EXPECT_EQ(memcmp(&info.StandardDate, &zero.StandardDate, sizeof zero.StandardDate), 0);
-  EXPECT_EQ(info.StandardBias, 0);
-  EXPECT_EQ(memcmp(info.DaylightName, zero.DaylightName, sizeof zero.DaylightName), 0);
-  EXPECT_EQ(memcmp(&info.DaylightDate, &zero.DaylightDate, sizeof zero.DaylightDate), 0);
-  size_t name_length = strlen(info.StandardName);
-  for (size_t i = name_length; i < sizeof info.StandardName; i++)
-    EXPECT_EQ(info.StandardName[i], 0) << i;
-}
-
-}  // namespace
-
-TEST(GetTimeZoneInformation, Win32FieldOrderWith64BitLongs) {
-  EXPECT_EQ(offsetof(TIME_ZONE_INFORMATION, Bias), 0u);
-  EXPECT_EQ(offsetof(TIME_ZONE_INFORMATION, StandardName), 8u);
-  EXPECT_EQ(offsetof(TIME_ZONE_INFORMATION, StandardDate), 40u);
-  EXPECT_EQ(offsetof(TIME_ZONE_INFORMATION, StandardBias), 56u);
-  EXPECT_EQ(offsetof(TIME_ZONE_INFORMATION, DaylightName), 64u);
-  EXPECT_EQ(offsetof(TIME_ZONE_INFORMATION, DaylightDate), 96u);
-  EXPECT_EQ(offsetof(TIME_ZONE_INFORMATION, DaylightBias), 112u);
-  EXPECT_EQ(sizeof(TIME_ZONE_INFORMATION), 120u);
-}
-
-TEST(GetTimeZoneInformation, BiasStaysInSummerDaylightBiasShowsIt) {
-  Zone zone("America/New_York");
-  const struct {
-    time_t now;
-    long daylight_bias;
-  } moments[] = {{1798265547, 0},     // 2026-12-26 06:12:27 UTC
-                 {1782907200, -60}};  // 2026-07-01 12:00:00 UTC
-  for (const auto& moment : moments) {
-    FixedTime clock(moment.now);
-    TIME_ZONE_INFORMATION info = filled_record();
+// Win32 field order with 64-bit longs and no padding; Bias and name of the
+// standard offset's row, DaylightBias of the moment, every other byte cleared.
+TEST(GetTimeZoneInformation, StandardRowDaylightBiasOfTheMomentAndAZoneWithoutARow) {
+  using T = TIME_ZONE_INFORMATION;
+  EXPECT_EQ(
+      (std::vector<size_t>{offsetof(T, Bias), offsetof(T, StandardName), offsetof(T, StandardDate),
+                           offsetof(T, StandardBias), offsetof(T, DaylightName),
+                           offsetof(T, DaylightDate), offsetof(T, DaylightBias), sizeof(T)}),
+      (std::vector<size_t>{0, 8, 40, 56, 64, 96, 112, 120}));
+  const std::tuple<const char*, time_t, long, const char*, long> rows[] = {
+      {"America/New_York", 1798265547, 300, "CST+5:00:00", 0},    // 2026-12-26 06:12:27 UTC
+      {"America/New_York", 1782907200, 300, "CST+5:00:00", -60},  // 2026-07-01 12:00:00 UTC
+      {"Asia/Kolkata", 1782907200, -330, "CST-5:30:00", 0},
+      {"UTC", 1782907200, 0, "CST+0:00:00", 0},
+      {"Pacific/Kiritimati", 1782907200, 0, "", 0}};  // no row: an empty record, and the log
+  Clocks clocks;
+  for (const auto& [tz, now, bias, name, daylight_bias] : rows) {
+    zone(tz);
+    g_now = now;
+    T info, expected = {};
+    memset(&info, 0xab, sizeof info);  // every byte set, so that a byte left alone shows
     EXPECT_EQ(GetTimeZoneInformation(&info), 0u);
-    EXPECT_EQ(info.Bias, 300);
-    EXPECT_STREQ(info.StandardName, "CST+5:00:00");
-    EXPECT_EQ(info.DaylightBias, moment.daylight_bias);
-    expect_cleared_but_bias_name_and_daylight_bias(info);
+    expected.Bias = bias, expected.DaylightBias = daylight_bias;
+    strcpy(expected.StandardName, name);
+    EXPECT_EQ(memcmp(&info, &expected, sizeof info), 0)
+        << tz << ": " << info.Bias << " " << info.DaylightBias;
   }
-  EXPECT_TRUE(Log::lines().empty()) << Log::dump();
-}
-
-TEST(GetTimeZoneInformation, HalfHourEastAndTheZoneOfOffsetZero) {
-  FixedTime clock(1782907200);
-  TIME_ZONE_INFORMATION info = filled_record();
-  {
-    Zone zone("Asia/Kolkata");
-    EXPECT_EQ(GetTimeZoneInformation(&info), 0u);
-    EXPECT_EQ(info.Bias, -330);
-    EXPECT_STREQ(info.StandardName, "CST-5:30:00");
-    EXPECT_EQ(info.DaylightBias, 0);
-  }
-  Zone zone("UTC");
-  info = filled_record();
-  EXPECT_EQ(GetTimeZoneInformation(&info), 0u);
-  EXPECT_EQ(info.Bias, 0);
-  EXPECT_STREQ(info.StandardName, "CST+0:00:00");
-  expect_cleared_but_bias_name_and_daylight_bias(info);
-}
-
-TEST(GetTimeZoneInformation, AZoneWithoutARowGivesAnEmptyRecordAndTheLog) {
-  Zone zone("Pacific/Kiritimati");
-  TIME_ZONE_INFORMATION info = filled_record();
-  EXPECT_EQ(GetTimeZoneInformation(&info), 0u);
-  EXPECT_EQ(info.Bias, 0);
-  EXPECT_STREQ(info.StandardName, "");
-  EXPECT_EQ(info.DaylightBias, 0);
-  expect_cleared_but_bias_name_and_daylight_bias(info);
-  const char* no_match = "CKORVATime::GetTimeZone(): mo match for timezone -50400";
-  auto lines = Log::lines();
-  ASSERT_EQ(lines.size(), 4u) << Log::dump();
-  const std::pair<int, const char*> expected[] = {{4, "LinuxTimezoneToKorvaID"},
-                                                  {3, "GetDateTimeSettings"},
-                                                  {4, "GetTimeZone"},
-                                                  {4, "LinuxTimezoneToKorvaID"}};
-  for (size_t i = 0; i < 4; i++) {
-    EXPECT_EQ(lines[i].level, expected[i].first);
-    EXPECT_EQ(lines[i].function, expected[i].second);
-    EXPECT_EQ(lines[i].text, i == 1 ? "Invalid timezone" : no_match);
-  }
-
-  Log::clear();
+  const std::string no_match = ": CKORVATime::GetTimeZone(): mo match for timezone -50400";
+  EXPECT_EQ(log_lines(),
+            (Lines{"4 LinuxTimezoneToKorvaID" + no_match, "3 GetDateTimeSettings: Invalid timezone",
+                   "4 GetTimeZone" + no_match, "4 LinuxTimezoneToKorvaID" + no_match}));
   EXPECT_EQ(GetTimeZoneInformation(nullptr), 0u);
-  ASSERT_EQ(Log::lines().size(), 1u);
-  EXPECT_EQ(Log::lines()[0].text, "KORVA Assert");
-  EXPECT_EQ(Log::lines()[0].level, 2);
+  EXPECT_EQ(log_lines(), Lines{"2 GetTimeZoneInformation: KORVA Assert"});
 }
