@@ -78,11 +78,18 @@ Ratio::Ratio(const char* label, const char* subject, const char* floor, double g
 }  // namespace bench
 
 int main(int argc, char** argv) {
+  // Repetitions of a benchmark and of its floor are interleaved at random,
+  // so that a slow phase of the machine falls on both alike.
   std::vector<char*> args(argv, argv + argc);
-  std::string repetitions = "--benchmark_repetitions=5";
-  bool has_repetitions = false;
-  for (char* arg : args) has_repetitions |= std::string(arg).rfind("--benchmark_repetitions", 0) == 0;
-  if (!has_repetitions) args.insert(args.begin() + 1, &repetitions[0]);
+  std::string repetitions = "--benchmark_repetitions=7";
+  std::string interleaving = "--benchmark_enable_random_interleaving=true";
+  auto given = [&](const std::string& flag) {
+    for (char* arg : args)
+      if (std::string(arg).rfind(flag.substr(0, flag.find('=')), 0) == 0) return true;
+    return false;
+  };
+  for (std::string* flag : {&repetitions, &interleaving})
+    if (!given(*flag)) args.insert(args.begin() + 1, &(*flag)[0]);
   int count = static_cast<int>(args.size());
   benchmark::Initialize(&count, args.data());
   if (benchmark::ReportUnrecognizedArguments(count, args.data())) return 1;

@@ -124,6 +124,8 @@ TEST(Semaphore, CountsAreSharedBadHandlesFailQuietlyAndOddArgumentsAreReported) 
   EXPECT_EQ(CloseHandle(copy), TRUE);                   // the count stays with the other handle
   EXPECT_EQ(drain(s), 3);
   EXPECT_EQ(WaitForSingleObject(s, 20), WAIT_TIMEOUT);
+  ReleaseSemaphore(s, 1, nullptr);
+  EXPECT_EQ(WaitForSingleObject(s, 1000), WAIT_OBJECT_0);  // the timed path takes it too
   EXPECT_EQ(CloseHandle(s), TRUE);
   // An initial count above the system's bound is refused.
   EXPECT_EQ(CreateSemaphore(nullptr, 0x80000000L, 1, nullptr), nullptr);
