@@ -392,6 +392,9 @@ static DWORD _take_signalled(DWORD nCount, HANDLE const* lpHandles, const struct
   return WAIT_FAILED;
 }
 
+static DWORD _poll_and_take(DWORD nCount, HANDLE const* lpHandles, struct pollfd* fds,
+                            DWORD dwMilliseconds);
+
 // Fills `fds` (zeroed, one entry per handle) and waits.
 static DWORD _wait_polled(DWORD nCount, HANDLE const* lpHandles, struct pollfd* fds,
                           DWORD dwMilliseconds) {
@@ -412,7 +415,12 @@ static DWORD _wait_polled(DWORD nCount, HANDLE const* lpHandles, struct pollfd* 
     }
     fds[i] = h->poll_entry;
   }
+  return _poll_and_take(nCount, lpHandles, fds, dwMilliseconds);
+}
 
+// ppoll over the filled array, then the lowest signalled index.
+static DWORD _poll_and_take(DWORD nCount, HANDLE const* lpHandles, struct pollfd* fds,
+                            DWORD dwMilliseconds) {
   struct timespec timeout;
   const struct timespec* timeout_ptr = nullptr;
   if (dwMilliseconds != INFINITE) {
@@ -472,7 +480,12 @@ DWORD WaitForSingleObject(HANDLE hHandle, DWORD dwMilliseconds) {
     return WAIT_FAILED;
   }
   if (h->type == V_HANDLE_SEMAPHORE) return WaitForSemaphore(h, dwMilliseconds);
-  // A lone mutex goes straight to its lock, as the general path would take it.
+  // A lone event or mutex goes straight to its poll or lock, as the general
+  // path would take it.
+  if (commonl::handle_is(h, V_HANDLE_EVENT)) {
+    struct pollfd entry = h->poll_entry;
+    return _poll_and_take(1, &hHandle, &entry, dwMilliseconds);
+  }
   if (commonl::handle_is(h, V_HANDLE_MUTEX)) return _wait_mutex(h, dwMilliseconds);
   return WaitForMultipleObjects(1, &hHandle, 0, dwMilliseconds);
 }
