@@ -199,48 +199,10 @@ bool MyHandler::EndArray(rapidjson::SizeType) {
 // Reads the file at `path` into allBrands; true after a complete parse.
 // A failure leaves what was read unreachable, and says why in the log.
 static bool parse(const char* path) {
-  if (path == nullptr) {
-    KLOG(3, "Missing hw-models file %s", "(null)");
-    return false;
-  }
-  FILE* file = fopen(path, "r");
-  if (file == nullptr) {
-    KLOG(3, "Missing hw-models file %s", path);
-    return false;
-  }
-  long end = -1;
-  if (fseek(file, 0, SEEK_END) == 0) end = ftell(file);
-  if (end < 0 || fseek(file, 0, SEEK_SET) != 0) {
-    KLOG(3, "Unknown size of hw-models file: %s", path);
-    fclose(file);
-    return false;
-  }
-  if (end > INT32_MAX) {
-    KLOG(3, "Too large hw-models file: %s", path);
-    fclose(file);
-    return false;
-  }
-  int32_t size = static_cast<int32_t>(end);
-  if (size == 0) {
-    KLOG(3, "Empty hw-models file: %s", path);
-    fclose(file);
-    return false;
-  }
+  int32_t size = 0;
   std::unique_ptr<char, void (*)(void*)> buffer(
-      static_cast<char*>(sys.calloc(static_cast<size_t>(size) + 1, 1)), free);
-  if (!buffer) {
-    KLOG(3, "No memo for hw-models file");
-    fclose(file);
-    return false;
-  }
-  buffer.get()[size] = '\0';  // the reader's stream ends at the first NUL
-  size_t count = fread(buffer.get(), 1, static_cast<size_t>(size), file);
-  fclose(file);
-  if (count != static_cast<size_t>(size)) {
-    KLOG(3, "Fail to read hw-models file, expected %d bytes, read %d", size,
-         static_cast<int>(count));
-    return false;
-  }
+      commonl::read_whole_file(path, "hw-models file", COMMONL_UNIT, __func__, &size), free);
+  if (!buffer) return false;
 
   rapidjson::Reader reader;
   rapidjson::StringStream stream(buffer.get());

@@ -40,6 +40,49 @@ Paths paths = {
     "/etc/timezone",
 };
 
+char* read_whole_file(const char* path, const char* what, const char* unit, const char* function,
+                      int32_t* size) {
+  if (path == nullptr) {
+    KLOG_AT(unit, function, 3, "Missing %s %s", what, "(null)");
+    return nullptr;
+  }
+  FILE* file = sys.fopen(path, "r");
+  if (file == nullptr) {
+    KLOG_AT(unit, function, 3, "Missing %s %s", what, path);
+    return nullptr;
+  }
+  long end = -1;
+  if (fseek(file, 0, SEEK_END) == 0) end = ftell(file);
+  const char* failure = nullptr;
+  if (end < 0 || fseek(file, 0, SEEK_SET) != 0)
+    failure = "Unknown size of %s: %s";
+  else if (end > INT32_MAX)
+    failure = "Too large %s: %s";
+  else if (end == 0)
+    failure = "Empty %s: %s";
+  if (failure != nullptr) {
+    KLOG_AT(unit, function, 3, failure, what, path);
+    fclose(file);
+    return nullptr;
+  }
+  *size = static_cast<int32_t>(end);
+  char* text = static_cast<char*>(sys.calloc(static_cast<size_t>(*size) + 1, 1));
+  if (text == nullptr) {
+    KLOG_AT(unit, function, 3, "No memo for %s", what);
+    fclose(file);
+    return nullptr;
+  }
+  size_t count = fread(text, 1, static_cast<size_t>(*size), file);
+  fclose(file);
+  if (count != static_cast<size_t>(*size)) {
+    KLOG_AT(unit, function, 3, "Fail to read %s, expected %d bytes, read %d", what, *size,
+            static_cast<int>(count));
+    free(text);
+    return nullptr;
+  }
+  return text;
+}
+
 }  // namespace commonl
 
 static __thread DWORD _last_error;
@@ -83,48 +126,9 @@ static const _InfoField* _info_field(const char* text, int length) {
 }
 
 LinuxInfo_t* GetLinuxInfoEx(char const* path) {
-  if (path == nullptr) {
-    KLOG(3, "Missing Linux info file %s", "(null)");
-    return nullptr;
-  }
-  FILE* file = sys.fopen(path, "r");
-  if (file == nullptr) {
-    KLOG(3, "Missing Linux info file %s", path);
-    return nullptr;
-  }
-  long end = -1;
-  if (fseek(file, 0, SEEK_END) == 0) end = ftell(file);
-  if (end < 0 || fseek(file, 0, SEEK_SET) != 0) {
-    KLOG(3, "Unknown size of Linux info file: %s", path);
-    fclose(file);
-    return nullptr;
-  }
-  if (end > INT32_MAX) {
-    KLOG(3, "Too large Linux info file: %s", path);
-    fclose(file);
-    return nullptr;
-  }
-  const int32_t size = static_cast<int32_t>(end);
-  if (size == 0) {
-    KLOG(3, "Empty Linux info file: %s", path);
-    fclose(file);
-    return nullptr;
-  }
-  char* text = static_cast<char*>(sys.calloc(static_cast<size_t>(size) + 1, 1));
-  if (text == nullptr) {
-    KLOG(3, "No memo for Linux info file");
-    fclose(file);
-    return nullptr;
-  }
-  text[size] = '\0';
-  size_t count = fread(text, 1, static_cast<size_t>(size), file);
-  fclose(file);
-  if (count != static_cast<size_t>(size)) {
-    KLOG(3, "Fail to read Linux info file, expected %d bytes, read %d", size,
-         static_cast<int>(count));
-    free(text);
-    return nullptr;
-  }
+  int32_t size = 0;
+  char* text = commonl::read_whole_file(path, "Linux info file", COMMONL_UNIT, __func__, &size);
+  if (text == nullptr) return nullptr;
 
   jsmn_parser parser;
   jsmntok_t tokens[_MAX_TOKENS];

@@ -106,12 +106,23 @@ inline struct timespec realtime_deadline_ms(unsigned int ms) {
   return deadline;
 }
 
+// The whole file at `path` in a NUL-terminated heap buffer that the caller
+// frees, its length in *size; NULL on failure. `what` names the file in the
+// log ("hw-models file"), whose lines come from the caller's `unit` and
+// `function`.
+char* read_whole_file(const char* path, const char* what, const char* unit, const char* function,
+                      int32_t* size);
+
 }  // namespace commonl
+
+// Logs at `level` as coming from `unit` and `function`, under the rule of
+// log_enabled.
+#define KLOG_AT(unit, function, level, ...)                                \
+  do {                                                                     \
+    if (commonl::log_enabled(level))                                       \
+      LogOutputLevel((level), (unit), __LINE__, (function), __VA_ARGS__);  \
+  } while (0)
 
 // Each source file defines COMMONL_UNIT as its path in the log, for example
 // "../CommonL/Handles", before using KLOG.
-#define KLOG(level, ...)                                                          \
-  do {                                                                            \
-    if (commonl::log_enabled(level))                                              \
-      LogOutputLevel((level), COMMONL_UNIT, __LINE__, __func__, __VA_ARGS__);     \
-  } while (0)
+#define KLOG(level, ...) KLOG_AT(COMMONL_UNIT, __func__, level, __VA_ARGS__)

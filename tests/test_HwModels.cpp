@@ -1,12 +1,9 @@
 // The hardware catalogue. The catalogue loads once per process, and ctest
 // runs each test case in a process of its own, so every case starts unloaded.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <fstream>
 #include <stdexcept>
 #include <thread>
 
@@ -256,38 +253,4 @@ TEST(HwCatalogueLoad, ConcurrentFirstCallsShareOneLoad) {
   ASSERT_NE(seen[0], nullptr);
   EXPECT_EQ(seen, std::vector<CHwBrands*>(8, seen[0]));
   EXPECT_EQ(dump(*seen[0]), (Strings{"[Acme]", kNv4000, kNv1000}));
-}
-
-TEST(HwCatalogueFile, ASizeThatCannotBeTakenFailsTheLoad) {
-  ScratchFile file("");
-  unlink(file.path().c_str());
-  ASSERT_EQ(mkfifo(file.path().c_str(), 0600), 0);
-  int writer = open(file.path().c_str(), O_RDWR | O_NONBLOCK);  // so that fopen does not block
-  ASSERT_GE(writer, 0);
-  expect_failed_load(file.path().c_str(), "Unknown size of hw-models file: " + file.path());
-  close(writer);
-}
-
-TEST(HwCatalogueFile, ASizeBeyond32BitsFailsTheLoad) {
-  ScratchFile file("");
-  ASSERT_EQ(truncate(file.path().c_str(), 1L << 31), 0);  // sparse
-  expect_failed_load(file.path().c_str(), "Too large hw-models file: " + file.path());
-}
-
-TEST(HwCatalogueFile, NoMemoryForTheText) {
-  ScratchFile file(kExample);
-  testsupport::ScopedSys<decltype(commonl::sys.calloc)> no_memory(
-      commonl::sys.calloc, [](size_t, size_t) -> void* { return nullptr; });
-  expect_failed_load(file.path().c_str(), "No memo for hw-models file");
-}
-
-TEST(HwCatalogueFile, AShortReadFailsTheLoad) {
-  // sysfs reports a page as the size of an attribute that holds a few bytes.
-  const char* path = "/sys/devices/system/cpu/online";
-  struct stat st;
-  if (stat(path, &st) != 0 || st.st_size == 0) GTEST_SKIP() << "no " << path;
-  std::ifstream in(path);
-  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  expect_failed_load(path, "Fail to read hw-models file, expected " + std::to_string(st.st_size) +
-                               " bytes, read " + std::to_string(text.size()));
 }

@@ -157,6 +157,7 @@ TEST(LinuxInfoRead, FieldsAndLogPerFile) {
   for (const auto& [json, want] : rows) EXPECT_EQ(outcome(json), want) << json;
 }
 
+// Every failure of the whole-file reader that the catalogue shares too.
 TEST(LinuxInfoFile, FilesThatCannotBeReadGiveNullAndTheReaderSaysWhyAtLevel3) {
   ScratchFile empty("", "sysinfo.json"), fifo(""), large("");
   EXPECT_EQ(GetLinuxInfoEx("/nonexistent/sysinfo.json"), nullptr);
