@@ -89,46 +89,38 @@ void fillLinuxTmWithWinSystemTime(struct tm* tm, _SYSTEMTIME const* lpSystemTime
 
 static unsigned int _tid() { return static_cast<unsigned int>(pthread_self()); }
 
-void GetLocalTime(_SYSTEMTIME* lpSystemTime) {
+// The present through `breakdown` (localtime_r or gmtime_r); on failure the
+// record stays as it was and `function` reports why.
+static void _now_as(_SYSTEMTIME* lpSystemTime, struct tm* (*breakdown)(const time_t*, struct tm*),
+                    const char* breakdown_name, const char* function) {
   struct timeval tv;
   int ret = sys.gettimeofday(&tv, nullptr);
   if (ret == -1) {
     int error = errno;
-    KLOG(3, "[tid=0x%x] GetLocalTime: gettimeofday failed with error [%d, %s]", _tid(), error,
-         strerror(error));
+    KLOG_AT(COMMONL_UNIT, function, 3, "[tid=0x%x] %s: gettimeofday failed with error [%d, %s]",
+            _tid(), function, error, strerror(error));
     return;
   }
   if (ret != 0) {
-    KLOG(3, "[tid=0x%x] GetLocalTime: gettimeofday failed with ret = %d", _tid(), ret);
+    KLOG_AT(COMMONL_UNIT, function, 3, "[tid=0x%x] %s: gettimeofday failed with ret = %d", _tid(),
+            function, ret);
     return;
   }
   struct tm tm;
-  if (localtime_r(&tv.tv_sec, &tm) == nullptr) {
-    KLOG(3, "[tid=0x%x] GetLocalTime: Failed, returned NULL == localtime_r() ", _tid());
+  if (breakdown(&tv.tv_sec, &tm) == nullptr) {
+    KLOG_AT(COMMONL_UNIT, function, 3, "[tid=0x%x] %s: Failed, returned NULL == %s() ", _tid(),
+            function, breakdown_name);
     return;
   }
   fillSystemTimeWithLinuxTm(lpSystemTime, &tm, static_cast<int>((tv.tv_usec / 1000) % 1000));
 }
 
+void GetLocalTime(_SYSTEMTIME* lpSystemTime) {
+  _now_as(lpSystemTime, localtime_r, "localtime_r", __func__);
+}
+
 void GetSystemTime(_SYSTEMTIME* lpSystemTime) {
-  struct timeval tv;
-  int ret = sys.gettimeofday(&tv, nullptr);
-  if (ret == -1) {
-    int error = errno;
-    KLOG(3, "[tid=0x%x] GetSystemTime: gettimeofday failed with error [%d, %s]", _tid(), error,
-         strerror(error));
-    return;
-  }
-  if (ret != 0) {
-    KLOG(3, "[tid=0x%x] GetSystemTime: gettimeofday failed with ret = %d", _tid(), ret);
-    return;
-  }
-  struct tm tm;
-  if (gmtime_r(&tv.tv_sec, &tm) == nullptr) {
-    KLOG(3, "[tid=0x%x] GetSystemTime: Failed, returned NULL == gmtime_r() ", _tid());
-    return;
-  }
-  fillSystemTimeWithLinuxTm(lpSystemTime, &tm, static_cast<int>((tv.tv_usec / 1000) % 1000));
+  _now_as(lpSystemTime, gmtime_r, "gmtime_r", __func__);
 }
 
 // --- conversions ---
