@@ -27,8 +27,13 @@ v_handle_t* CreateHandleL(v_handle_type_t type) {
   return h;
 }
 
+// Every thread may call this at once: the pid is written only when it
+// differs, which is once per process (and once more in a forked child), and
+// atomically, so that the store never races with a read.
 HANDLE GetCurrentProcess() {
-  process_handle.tail.pid = getpid();
+  const pid_t pid = getpid();
+  if (__atomic_load_n(&process_handle.tail.pid, __ATOMIC_RELAXED) != pid)
+    __atomic_store_n(&process_handle.tail.pid, pid, __ATOMIC_RELAXED);
   return &process_handle;
 }
 
@@ -39,33 +44,35 @@ void PopulateThreadHandle() {
   gt_thread_handle.tail.thread = pthread_self();
 }
 
-// The release once the count has reached 0, one row per kind of object.
+// The release once the count has reached 0, one row per kind of object; its
+// reports are CloseHandle's.
 static BOOL _release(v_handle_t* h) {
+  const char* const op = "CloseHandle";
   switch (h->type) {
     case V_HANDLE_EVENT:
-      if (VCloseEvent(h) == 0) free(h);
+      if (VCloseEvent(h) == 0) commonl::sys.free(h);
       return TRUE;
     case V_HANDLE_FD:
       close(h->tail.fd);
-      free(h);
+      commonl::sys.free(h);
       return TRUE;
     case V_HANDLE_FIND:
-      KLOG(3, "FindFirst handle must be close with FirstClose function");
+      KLOG_AS(op, 3, "FindFirst handle must be close with FirstClose function");
       return FALSE;
     case V_HANDLE_SOCKET_EVENT:
       close(h->tail.second_fd);
       close(h->poll_entry.fd);
-      free(h);
+      commonl::sys.free(h);
       return TRUE;
     case V_HANDLE_SEMAPHORE:
       sem_destroy(&h->tail.sem);
-      free(h);
+      commonl::sys.free(h);
       return TRUE;
     case V_HANDLE_MUTEX:
-      if (VCloseMutex(h) == 0) free(h);
+      if (VCloseMutex(h) == 0) commonl::sys.free(h);
       return TRUE;
     default:
-      KLOG(3, "bad handle type");
+      KLOG_AS(op, 3, "bad handle type");
       return FALSE;
   }
 }

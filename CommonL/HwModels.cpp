@@ -198,10 +198,19 @@ bool MyHandler::EndArray(rapidjson::SizeType) {
 
 // Reads the file at `path` into allBrands; true after a complete parse.
 // A failure leaves what was read unreachable, and says why in the log.
+static const commonl::FileMessages _CATALOGUE_FILE_MESSAGES = {
+    "Missing hw-models file %s",
+    "Empty hw-models file: %s",
+    "No memo for hw-models file",
+    "Fail to read hw-models file, expected %d bytes, read %d",
+    "Too large hw-models file: %s",
+};
+
 static bool parse(const char* path) {
   int32_t size = 0;
   std::unique_ptr<char, void (*)(void*)> buffer(
-      commonl::read_whole_file(path, "hw-models file", COMMONL_UNIT, __func__, &size), free);
+      commonl::read_whole_file(path, _CATALOGUE_FILE_MESSAGES, COMMONL_UNIT, __func__, &size),
+      sys.free);
   if (!buffer) return false;
 
   rapidjson::Reader reader;
@@ -234,6 +243,11 @@ CHwBrands* GetHwBrands(char const* path) {
   static CHwBrands* BrandsToCallers = nullptr;
   std::lock_guard<std::mutex> lock(load_mutex);
   if (has_parsed) return BrandsToCallers;
+  // Without a path there is nothing to load; a later call with one still can.
+  if (path == nullptr) {
+    KLOG(2, "GetHwBrands: path == NULL");
+    return nullptr;
+  }
   bool parsed;
   try {
     parsed = parse(path);

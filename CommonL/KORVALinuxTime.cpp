@@ -129,7 +129,7 @@ int TZ__get_selected_id(void) {
   // name of the list and matches none.
   char name[256 + 1];
   memset(name, 0, sizeof name);
-  FILE* file = fopen(paths.timezone, "r");
+  FILE* file = sys.fopen(paths.timezone, "r");
   if (file == nullptr) {
     KLOG(3, "Could not open %s", paths.timezone);
     return -1;

@@ -169,23 +169,17 @@ int CKORVATime::SetManualDateTime(int year, int month, int day, int hour, int mi
   return 1;
 }
 
-// "MMDDhhmmYYYY.ss": twelve digits, a point, two digits, nothing more.
-static bool _fits_date_time_form(const char* text) {
-  for (int i = 0; i < 15; i++) {
-    char c = text[i];
-    if (i == 12 ? c != '.' : (c < '0' || c > '9')) return false;
-  }
-  return text[15] == '\0';
-}
-
+// Takes what the scan reads: blanks before a field, and anything behind the
+// seconds, are no obstacle. A text of which the scan can not read all six
+// numbers is refused.
 int CKORVATime::SetDateTime(const char* dateTime) {
   if (dateTime == nullptr) {
     KLOG(2, "KORVA Assert");
     return 0;
   }
-  int month = 0, day = 0, hour = 0, minute = 0, year = 0, second = 0;
-  if (!_fits_date_time_form(dateTime) || sscanf(dateTime, "%02d%02d%02d%02d%04d.%02d", &month, &day,
-                                                &hour, &minute, &year, &second) != 6) {
+  int month, day, hour, minute, year, second;
+  if (sscanf(dateTime, "%02d%02d%02d%02d%04d.%02d", &month, &day, &hour, &minute, &year,
+             &second) != 6) {
     KLOG(3, "SetDateTime: %s does not fit MMDDhhmmYYYY.ss", dateTime);
     return 0;
   }
@@ -373,9 +367,14 @@ std::string CKORVATime::localTimeToUtc(long seconds, int) {
 
 std::string CKORVATime::UTCToLocalDstTime(const std::string& utcTime) {
   KLOG(7, "CKORVATime::UTCToLocalDstTime() UTC=%s", utcTime.c_str());
-  // Fields the text doesn't give stay 0.
-  int year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0;
-  sscanf(utcTime.c_str(), "%4d-%2d-%2d %2d:%2d:%2d", &year, &month, &day, &hour, &minute, &second);
+  // A text that doesn't fit the form gives the empty text: there is no time
+  // to convert.
+  int year, month, day, hour, minute, second;
+  if (sscanf(utcTime.c_str(), "%4d-%2d-%2d %2d:%2d:%2d", &year, &month, &day, &hour, &minute,
+             &second) != 6) {
+    KLOG(3, "CKORVATime::UTCToLocalDstTime() not a time text: %s", utcTime.c_str());
+    return std::string();
+  }
   struct tm tm;
   memset(&tm, 0, sizeof tm);
   tm.tm_year = year - 1900;

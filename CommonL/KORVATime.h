@@ -58,7 +58,8 @@ class CKORVATime {
 
   // Wall-clock time in the system's zone; out-of-range fields normalise.
   int SetManualDateTime(int year, int month, int day, int hour, int minute, int second);
-  // "MMDDhhmmYYYY.ss"
+  // "MMDDhhmmYYYY.ss", as a scan reads it: blanks before a field and
+  // anything behind the seconds are taken; fewer than six numbers give 0.
   int SetDateTime(const char* dateTime);
   // By a `cst` text of gmt_lookup_table.
   int SetTimeZone(const char* tz);
@@ -84,6 +85,8 @@ class CKORVATime {
   // `seconds` less the zone's standard offset, as a local time text; the
   // second argument is not read.
   std::string localTimeToUtc(long seconds, int isDst);
+  // A UTC time text as a local one; the empty text for a text that doesn't
+  // give all six fields.
   std::string UTCToLocalDstTime(const std::string& utcTime);
 
   int TimeZoneHours = 0;  // whole hours east of UTC, standard time

@@ -5,12 +5,12 @@
 #include "WinApiEvents.h"
 
 #include <errno.h>
-#include <sched.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <memory>
 #include <new>
 #include <thread>
 #include <vector>
@@ -46,9 +46,25 @@ static const DWORD _STACK_WAIT_HANDLES = 16;
 
 static bool _is_global_name(const char* name) { return strncmp(name, "Global", 6) == 0; }
 
-static bool _lock_dic() { return sys.pthread_mutex_lock(&dic_mutex) == 0; }
+// Holds dic_mutex for its scope. A thread cancelled while it holds the lock
+// (the logger may reach a cancellation point) still lets it go.
+class _DicLock {
+ public:
+  _DicLock() : locked_(sys.pthread_mutex_lock(&dic_mutex) == 0) {}
+  ~_DicLock() {
+    if (locked_) pthread_mutex_unlock(&dic_mutex);
+  }
+  _DicLock(const _DicLock&) = delete;
+  _DicLock& operator=(const _DicLock&) = delete;
+  bool locked() const { return locked_; }
+  void unlock() {
+    pthread_mutex_unlock(&dic_mutex);
+    locked_ = false;
+  }
 
-static void _unlock_dic() { pthread_mutex_unlock(&dic_mutex); }
+ private:
+  bool locked_;
+};
 
 // --- name dictionaries; callers hold dic_mutex ---
 
@@ -80,51 +96,46 @@ static int _dic_insert(const char* name, void* handle, CDictionary& dic) {
   return 1;
 }
 
-static void _dic_remove(const char* name, CDictionary& dic) {
+// Removes the entry of `name` if it is `handle`'s. Once a record is on its
+// way out, a create may already have given the name to a new object; that
+// entry is not the closer's to remove.
+static void _dic_remove(const char* name, const void* handle, CDictionary& dic) {
   if (name == nullptr) {
     KLOG(2, "KORVA Assert");
     return;
   }
   for (auto it = dic.begin(); it != dic.end(); ++it) {
-    if (strcmp((*it)->name, name) == 0) {
+    if (strcmp((*it)->name, name) != 0) continue;
+    if ((*it)->handle == handle) {
       delete *it;
       dic.erase(it);
-      return;
     }
+    return;
   }
 }
 
-enum class _Lookup { reopened, absent, lock_failed };
-
-// Looks `name` up under dic_mutex. `reopened`: *found holds one more
-// reference and the lock is released. `absent`: the lock is held for the
-// caller's creation. A record whose count has reached 0 is being closed
-// right now; the lock is let go so that its closer can remove the name, and
-// the lookup starts again.
-static _Lookup _reopen_or_lock(const char* name, const CDictionary& dic, v_handle_t** found) {
-  for (;;) {
-    if (!_lock_dic()) return _Lookup::lock_failed;
-    v_handle_t* h = _dic_find(name, dic);
-    if (h == nullptr) return _Lookup::absent;
-    if (commonl::ref_acquire_if_live(h)) {
-      _unlock_dic();
-      *found = h;
-      return _Lookup::reopened;
-    }
-    _unlock_dic();
-    sched_yield();
-  }
+// The reopen of `name`, under dic_mutex: the live record with one more
+// reference, or NULL when the name is free. A record whose count has fallen
+// to 0 is being released by its last close (or was left behind by a close
+// that could not lock): it is never handed out, and its name is taken from
+// it here, so that the caller makes a new object and nobody waits for the
+// closer.
+static v_handle_t* _dic_reopen(const char* name, CDictionary& dic) {
+  v_handle_t* h = _dic_find(name, dic);
+  if (h == nullptr || commonl::ref_acquire_if_live(h)) return h;
+  _dic_remove(name, h, dic);
+  return nullptr;
 }
 
-// Gives the record its own copy of `name` and enters it in `dic`. On
-// failure nothing is entered and the record has no name.
-static bool _enter_name(v_handle_t* h, const char* name, CDictionary& dic) {
+// Gives the record its own copy of `name` and enters it in `dic`; reports
+// as `op`. On failure nothing is entered and the record has no name.
+static bool _enter_name(v_handle_t* h, const char* name, CDictionary& dic, const char* op) {
   h->name = sys.strdup(name);
   if (h->name == nullptr) return false;
   int inserted = _dic_insert(h->name, h, dic);
-  if (inserted == 0) KLOG(2, "dic_insert fail");
+  if (inserted == 0) KLOG_AS(op, 2, "dic_insert fail");
   if (inserted < 0) {
-    free(h->name);
+    sys.free(h->name);
     h->name = nullptr;
     return false;
   }
@@ -135,16 +146,18 @@ static bool _enter_name(v_handle_t* h, const char* name, CDictionary& dic) {
 
 static CDictionary& _event_dic(int global) { return global ? global_events_dic : events_dic; }
 
+// A new event record on a fresh eventfd; CreateEvent's reports.
 static v_handle_t* _new_event(BOOL bManualReset, int global) {
+  const char* const op = "CreateEvent";
   int fd = sys.eventfd(0, EFD_NONBLOCK);
   if (fd < 0) {
-    KLOG(3, "CreateEvent: event fd fail");
+    KLOG_AS(op, 3, "CreateEvent: event fd fail");
     return nullptr;
   }
   v_handle_t* h = CreateHandleL(V_HANDLE_EVENT);
   if (h == nullptr) {
     close(fd);
-    KLOG(3, "no memo");
+    KLOG_AS(op, 3, "no memo");
     return nullptr;
   }
   h->poll_entry.fd = fd;
@@ -156,41 +169,42 @@ static v_handle_t* _new_event(BOOL bManualReset, int global) {
 
 static void _discard_event(v_handle_t* h) {
   close(h->poll_entry.fd);
-  free(h);
+  sys.free(h);
 }
 
 static HANDLE _create_named_event(BOOL bManualReset, BOOL bInitialState, const char* lpName) {
+  const char* const op = "CreateEvent";
   int global = _is_global_name(lpName) ? 1 : 0;
   CDictionary& dic = _event_dic(global);
   SetLastError(ERROR_SUCCESS);
 
-  v_handle_t* h = nullptr;
-  switch (_reopen_or_lock(lpName, dic, &h)) {
-    case _Lookup::lock_failed:
-      KLOG(3, "fail to lock dic_mutex");
-      SetLastError(ERROR_NOT_READY);
-      return nullptr;
-    case _Lookup::reopened:
-      SetLastError(ERROR_ALREADY_EXISTS);
-      return h;
-    case _Lookup::absent:
-      break;
+  _DicLock lock;
+  if (!lock.locked()) {
+    KLOG_AS(op, 3, "fail to lock dic_mutex");
+    SetLastError(ERROR_NOT_READY);
+    return nullptr;
+  }
+  v_handle_t* h = _dic_reopen(lpName, dic);
+  if (h != nullptr) {
+    lock.unlock();
+    SetLastError(ERROR_ALREADY_EXISTS);
+    return h;
   }
   h = _new_event(bManualReset, global);
-  if (h != nullptr && !_enter_name(h, lpName, dic)) {
+  if (h != nullptr && !_enter_name(h, lpName, dic, op)) {
     _discard_event(h);
     h = nullptr;
-    KLOG(3, "no memo");
+    KLOG_AS(op, 3, "no memo");
   }
-  _unlock_dic();
+  lock.unlock();
   if (h == nullptr) return nullptr;
 
   if (bInitialState) {
     if (global)
-      KLOG(4,
-           "For now we do not allow global event to have initial state signed.\n"
-           "If indeed this is desired then remove this assert line or replace it by a "
-           "KOVRA_LOG_W message.");
+      KLOG_AS(op, 4,
+              "For now we do not allow global event to have initial state signed.\n"
+              "If indeed this is desired then remove this assert line or replace it by a "
+              "KOVRA_LOG_W message.");
     SetEvent(h);
   }
   return h;
@@ -233,10 +247,11 @@ BOOL ResetEvent(HANDLE hEvent) {
   if (h->overlapped) return TRUE;
   uint64_t counter;
   ssize_t got = sys.read(h->poll_entry.fd, &counter, sizeof counter);
+  int error = errno;
   // EAGAIN: the counter was 0 already, the event was not signalled.
-  if (got == static_cast<ssize_t>(sizeof counter) || got == 0 || (got < 0 && errno == EAGAIN))
+  if (got == static_cast<ssize_t>(sizeof counter) || got == 0 || (got < 0 && error == EAGAIN))
     return TRUE;
-  KLOG(4, "ResetEvent: read error: %s", strerror(errno));
+  KLOG(4, "ResetEvent: read error: %s", strerror(error));
   return FALSE;
 }
 
@@ -253,17 +268,17 @@ int VCloseEvent(HANDLE hEvent) {
     }
     return 0;
   }
-  if (!_lock_dic()) {
+  _DicLock lock;
+  if (!lock.locked()) {
     KLOG(2, "fail to lock dic_mutex");
     return 1;
   }
   if (commonl::ref_drop_if_positive(h) == 0) {
-    _dic_remove(h->name, _event_dic(h->global));
-    free(h->name);
+    _dic_remove(h->name, h, _event_dic(h->global));
+    sys.free(h->name);
     h->name = nullptr;
     _discard_event(h);
   }
-  _unlock_dic();
   return 1;
 }
 
@@ -274,46 +289,55 @@ void DisableGlobalEvents() {}
 
 // --- mutexes ---
 
+// A new mutex record, entered under `lpName` when that is not NULL (the
+// caller then holds dic_mutex); CreateMutex's reports.
+static v_handle_t* _new_mutex(const char* lpName) {
+  const char* const op = "CreateMutex";
+  v_handle_t* h = CreateHandleL(V_HANDLE_MUTEX);
+  if (h == nullptr) {
+    KLOG_AS(op, 3, "no memo");
+    return nullptr;
+  }
+  if (sys.pthread_mutex_init(&h->tail.mutex, nullptr) != 0) {
+    KLOG_AS(op, 3, "could not create POSIX mutex");
+    sys.free(h);
+    return nullptr;
+  }
+  if (lpName != nullptr && !_enter_name(h, lpName, mutexes_dic, op)) {
+    pthread_mutex_destroy(&h->tail.mutex);
+    sys.free(h);
+    KLOG_AS(op, 3, "no memo");
+    return nullptr;
+  }
+  return h;
+}
+
 HANDLE CreateMutex(_SECURITY_ATTRIBUTES* /*lpMutexAttributes*/, BOOL /*bInitialOwner*/,
                    char const* lpName) {
-  if (lpName != nullptr && _is_global_name(lpName)) {
+  if (lpName == nullptr) {
+    SetLastError(ERROR_SUCCESS);
+    return _new_mutex(nullptr);
+  }
+  if (_is_global_name(lpName)) {
     KLOG(3, "Global mutex not implemented");
     SetLastError(ERROR_INVALID_PARAMETER);
     return nullptr;
   }
   SetLastError(ERROR_SUCCESS);
-
-  v_handle_t* h = nullptr;
-  if (lpName != nullptr) {
-    switch (_reopen_or_lock(lpName, mutexes_dic, &h)) {
-      case _Lookup::lock_failed:
-        KLOG(3, "fail to lock dic_mutex");
-        SetLastError(ERROR_NOT_READY);
-        return nullptr;
-      case _Lookup::reopened:
-        SetLastError(ERROR_ALREADY_EXISTS);
-        return h;
-      case _Lookup::absent:
-        break;
-    }
+  // The mutex is initialised before its name can be found.
+  _DicLock lock;
+  if (!lock.locked()) {
+    KLOG(3, "fail to lock dic_mutex");
+    SetLastError(ERROR_NOT_READY);
+    return nullptr;
   }
-  // From here on dic_mutex is held for a named mutex: the mutex is
-  // initialised before its name can be found.
-  h = CreateHandleL(V_HANDLE_MUTEX);
-  if (h == nullptr) {
-    KLOG(3, "no memo");
-  } else if (sys.pthread_mutex_init(&h->tail.mutex, nullptr) != 0) {
-    KLOG(3, "could not create POSIX mutex");
-    free(h);
-    h = nullptr;
-  } else if (lpName != nullptr && !_enter_name(h, lpName, mutexes_dic)) {
-    pthread_mutex_destroy(&h->tail.mutex);
-    free(h);
-    h = nullptr;
-    KLOG(3, "no memo");
+  v_handle_t* h = _dic_reopen(lpName, mutexes_dic);
+  if (h != nullptr) {
+    lock.unlock();
+    SetLastError(ERROR_ALREADY_EXISTS);
+    return h;
   }
-  if (lpName != nullptr) _unlock_dic();
-  return h;
+  return _new_mutex(lpName);
 }
 
 BOOL ReleaseMutex(HANDLE hMutex) {
@@ -332,22 +356,26 @@ int VCloseMutex(HANDLE hMutex) {
     return 1;
   }
   if (h->name == nullptr) return 0;
-  if (!_lock_dic()) {
+  _DicLock lock;
+  if (!lock.locked()) {
     KLOG(2, "fail to lock dic_mutex");
     return 1;
   }
   if (commonl::ref_drop_if_positive(h) == 0) {
-    _dic_remove(h->name, mutexes_dic);
-    free(h->name);
+    _dic_remove(h->name, h, mutexes_dic);
+    sys.free(h->name);
     h->name = nullptr;
     pthread_mutex_destroy(&h->tail.mutex);
-    free(h);
+    sys.free(h);
   }
-  _unlock_dic();
   return 1;
 }
 
 // --- the wait engine ---
+
+// Whatever path a wait takes, WaitForSingleObject's shortcuts included, its
+// reports are those of WaitForMultipleObjects.
+static const char _WAIT_OP[] = "WaitForMultipleObjects";
 
 static DWORD _wait_mutex(v_handle_t* h, DWORD dwMilliseconds) {
   if (dwMilliseconds == INFINITE)
@@ -387,35 +415,10 @@ static DWORD _take_signalled(DWORD nCount, HANDLE const* lpHandles, const struct
       ResetEvent(h);
     return i;
   }
-  KLOG(3, "WaitForMultipleObjects: Could not find reported eventent");
-  for (DWORD i = 0; i < nCount; i++) KLOG(7, "fds[%d].revents = %d", static_cast<int>(i), fds[i].revents);
+  KLOG_AS(_WAIT_OP, 3, "WaitForMultipleObjects: Could not find reported eventent");
+  for (DWORD i = 0; i < nCount; i++)
+    KLOG_AS(_WAIT_OP, 7, "fds[%d].revents = %d", static_cast<int>(i), fds[i].revents);
   return WAIT_FAILED;
-}
-
-static DWORD _poll_and_take(DWORD nCount, HANDLE const* lpHandles, struct pollfd* fds,
-                            DWORD dwMilliseconds);
-
-// Fills `fds` (zeroed, one entry per handle) and waits.
-static DWORD _wait_polled(DWORD nCount, HANDLE const* lpHandles, struct pollfd* fds,
-                          DWORD dwMilliseconds) {
-  for (DWORD i = 0; i < nCount; i++) {
-    auto* h = static_cast<v_handle_t*>(lpHandles[i]);
-    if (h == nullptr) {
-      fds[i].fd = -1;
-      continue;
-    }
-    if (!_is_pollable(h)) {
-      KLOG(3, "bad handle position %d, bat type %d", static_cast<int>(i), static_cast<int>(h->type));
-      return WAIT_FAILED;
-    }
-    if (h->type == V_HANDLE_MUTEX) {
-      if (nCount == 1) return _wait_mutex(h, dwMilliseconds);
-      KLOG(3, "WaitObject call for mutex must have a single handle");
-      return WAIT_FAILED;
-    }
-    fds[i] = h->poll_entry;
-  }
-  return _poll_and_take(nCount, lpHandles, fds, dwMilliseconds);
 }
 
 // ppoll over the filled array, then the lowest signalled index.
@@ -434,12 +437,36 @@ static DWORD _poll_and_take(DWORD nCount, HANDLE const* lpHandles, struct pollfd
 
   int error = errno;
   if (error == EINTR) {
-    KLOG(3, "WaitForMultipleObjects got SIGINT or SIGTERM signal");
+    KLOG_AS(_WAIT_OP, 3, "WaitForMultipleObjects got SIGINT or SIGTERM signal");
   } else {
-    KLOG(3, "WaitForMultipleObjects ppoll errno = %d", error);
-    KLOG(3, "WaitForMultipleObjects ppoll error: %s", strerror(error));
+    KLOG_AS(_WAIT_OP, 3, "WaitForMultipleObjects ppoll errno = %d", error);
+    KLOG_AS(_WAIT_OP, 3, "WaitForMultipleObjects ppoll error: %s", strerror(error));
   }
   return WAIT_FAILED;
+}
+
+// Fills `fds` (zeroed, one entry per handle) and waits.
+static DWORD _wait_polled(DWORD nCount, HANDLE const* lpHandles, struct pollfd* fds,
+                          DWORD dwMilliseconds) {
+  for (DWORD i = 0; i < nCount; i++) {
+    auto* h = static_cast<v_handle_t*>(lpHandles[i]);
+    if (h == nullptr) {
+      fds[i].fd = -1;
+      continue;
+    }
+    if (!_is_pollable(h)) {
+      KLOG_AS(_WAIT_OP, 3, "bad handle position %d, bat type %d", static_cast<int>(i),
+              static_cast<int>(h->type));
+      return WAIT_FAILED;
+    }
+    if (h->type == V_HANDLE_MUTEX) {
+      if (nCount == 1) return _wait_mutex(h, dwMilliseconds);
+      KLOG_AS(_WAIT_OP, 3, "WaitObject call for mutex must have a single handle");
+      return WAIT_FAILED;
+    }
+    fds[i] = h->poll_entry;
+  }
+  return _poll_and_take(nCount, lpHandles, fds, dwMilliseconds);
 }
 
 DWORD WaitForMultipleObjects(DWORD nCount, HANDLE const* lpHandles, BOOL bWaitAll,
@@ -453,24 +480,27 @@ DWORD WaitForMultipleObjects(DWORD nCount, HANDLE const* lpHandles, BOOL bWaitAl
          static_cast<int>(_MAX_WAIT_HANDLES));
     return WAIT_FAILED;
   }
+  if (lpHandles == nullptr) {
+    KLOG(2, "WaitForMultipleObjects: lpHandles == NULL");
+    return WAIT_FAILED;
+  }
   // Any one handle ends the wait, whatever bWaitAll says.
   if (bWaitAll == 1) KLOG(2, "WaitForMultipleObjects: bWaitAll == TRUE not supported");
 
-  struct pollfd stack_fds[_STACK_WAIT_HANDLES];
-  struct pollfd* fds = stack_fds;
   if (nCount <= _STACK_WAIT_HANDLES) {
-    memset(stack_fds, 0, nCount * sizeof(struct pollfd));
-  } else {
-    KLOG(7, "WaitForMultipleObjects: using large pollfd array, nCount = %d", static_cast<int>(nCount));
-    fds = static_cast<struct pollfd*>(sys.calloc(nCount, sizeof(struct pollfd)));
-    if (fds == nullptr) {
-      KLOG(3, "no memo for pollfd");
-      return WAIT_FAILED;
-    }
+    struct pollfd fds[_STACK_WAIT_HANDLES];
+    memset(fds, 0, nCount * sizeof(struct pollfd));
+    return _wait_polled(nCount, lpHandles, fds, dwMilliseconds);
   }
-  DWORD result = _wait_polled(nCount, lpHandles, fds, dwMilliseconds);
-  if (fds != stack_fds) free(fds);
-  return result;
+  KLOG(7, "WaitForMultipleObjects: using large pollfd array, nCount = %d", static_cast<int>(nCount));
+  // Owned by the frame: a thread cancelled in ppoll gives it back as it unwinds.
+  std::unique_ptr<struct pollfd, void (*)(void*)> fds(
+      static_cast<struct pollfd*>(sys.calloc(nCount, sizeof(struct pollfd))), sys.free);
+  if (!fds) {
+    KLOG(3, "no memo for pollfd");
+    return WAIT_FAILED;
+  }
+  return _wait_polled(nCount, lpHandles, fds.get(), dwMilliseconds);
 }
 
 DWORD WaitForSingleObject(HANDLE hHandle, DWORD dwMilliseconds) {
@@ -538,6 +568,11 @@ BOOL SetWaitableTimer(HANDLE hTimer, _LARGE_INTEGER const* lpDueTime, long /*lPe
                       PTIMERAPCROUTINE pfnCompletionRoutine, void* lpArgToCompletionRoutine,
                       BOOL /*fResume*/) {
   if (lpDueTime == nullptr || hTimer == nullptr) return FALSE;
+  // Win32's relative form: taken as an absolute time, it lies long past and
+  // the timer fires at once.
+  if (lpDueTime->QuadPart < 0)
+    KLOG(2, "SetWaitableTimer: a negative (relative) lpDueTime is not supported; "
+            "it is taken as an absolute time long past and the timer fires at once");
   ResetEvent(hTimer);
   _FILETIME now;
   GetSystemTimeAsFileTime(&now);

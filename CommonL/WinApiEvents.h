@@ -21,6 +21,7 @@ COMMONL_API int VCloseEvent(HANDLE hEvent);
 COMMONL_API void EnableGlobalEvents();
 COMMONL_API void DisableGlobalEvents();
 
+// A NULL lpHandles with nCount above 0 gives WAIT_FAILED.
 COMMONL_API DWORD WaitForMultipleObjects(DWORD nCount, HANDLE const* lpHandles, BOOL bWaitAll,
                                          DWORD dwMilliseconds);
 COMMONL_API DWORD WaitForSingleObject(HANDLE hHandle, DWORD dwMilliseconds);
@@ -39,7 +40,8 @@ typedef void (*PTIMERAPCROUTINE)(void* lpArgToCompletionRoutine);
 
 COMMONL_API HANDLE CreateWaitableTimer(_SECURITY_ATTRIBUTES* lpTimerAttributes, BOOL bManualReset,
                                        char const* lpTimerName);
-// lpDueTime is absolute only, in 100-nanosecond units since 1601-01-01 UTC;
+// lpDueTime is absolute only, in 100-nanosecond units since 1601-01-01 UTC
+// (a negative, relative one is reported and fires at once);
 // lPeriod and fResume are ignored: each call fires once. Every call starts
 // a thread that holds the handle until it fires, so the caller keeps the
 // handle open until then.

@@ -9,6 +9,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/eventfd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <memory>
@@ -27,11 +28,10 @@ using commonl::sys;
 namespace commonl {
 
 Sys sys = {
-    ::eventfd, ::read, ::write, ::ppoll, ::calloc, ::strdup, ::pthread_mutex_lock,
-    ::pthread_mutex_init, ::system,
-    ::settimeofday, ::pthread_create, ::pthread_attr_getschedparam, ::popen, ::pclose,
-    ::gettimeofday, ::time, ::clock_gettime, ::nanosleep,
-    ::fopen, ::getpwuid,
+    ::eventfd, ::read, ::write, ::ppoll, ::calloc, ::free, ::strdup, ::pthread_mutex_lock,
+    ::pthread_mutex_init, ::system, ::settimeofday, ::pthread_create,
+    ::pthread_attr_getschedparam, ::popen, ::pclose, ::gettimeofday, ::time, ::clock_gettime,
+    ::nanosleep, ::usleep, ::fopen, ::getpwuid,
 };
 
 Paths paths = {
@@ -40,47 +40,51 @@ Paths paths = {
     "/etc/timezone",
 };
 
-char* read_whole_file(const char* path, const char* what, const char* unit, const char* function,
-                      int32_t* size) {
-  if (path == nullptr) {
-    KLOG_AT(unit, function, 3, "Missing %s %s", what, "(null)");
-    return nullptr;
-  }
-  FILE* file = sys.fopen(path, "r");
-  if (file == nullptr) {
-    KLOG_AT(unit, function, 3, "Missing %s %s", what, path);
-    return nullptr;
-  }
+// The size of the open file by a seek to its end. A directory (whose seek
+// gives LONG_MAX) or a pipe has no such size: what the system gives as its
+// size stands then, and the read shows whether anything can be read. -1 when
+// there is no size at all.
+static long _file_size(FILE* file) {
   long end = -1;
   if (fseek(file, 0, SEEK_END) == 0) end = ftell(file);
-  const char* failure = nullptr;
-  if (end < 0 || fseek(file, 0, SEEK_SET) != 0)
-    failure = "Unknown size of %s: %s";
-  else if (end > INT32_MAX)
-    failure = "Too large %s: %s";
-  else if (end == 0)
-    failure = "Empty %s: %s";
-  if (failure != nullptr) {
-    KLOG_AT(unit, function, 3, failure, what, path);
-    fclose(file);
+  if (fseek(file, 0, SEEK_SET) != 0) end = -1;
+  if (end >= 0 && end <= INT32_MAX) return end;
+  struct stat info;
+  if (fstat(fileno(file), &info) != 0) return -1;
+  return static_cast<long>(info.st_size);
+}
+
+char* read_whole_file(const char* path, const FileMessages& messages, const char* unit,
+                      const char* function, int32_t* size) {
+  // A thread cancelled in the read still closes the file as it unwinds.
+  std::unique_ptr<FILE, int (*)(FILE*)> file(sys.fopen(path, "r"), fclose);
+  if (!file) {
+    KLOG_AT(unit, function, 3, messages.missing, path);
+    return nullptr;
+  }
+  const long end = _file_size(file.get());
+  if (end < 0 || end > INT32_MAX) {
+    KLOG_AT(unit, function, 3, messages.too_large, path);
+    return nullptr;
+  }
+  if (end == 0) {
+    KLOG_AT(unit, function, 3, messages.empty, path);
     return nullptr;
   }
   *size = static_cast<int32_t>(end);
-  char* text = static_cast<char*>(sys.calloc(static_cast<size_t>(*size) + 1, 1));
-  if (text == nullptr) {
-    KLOG_AT(unit, function, 3, "No memo for %s", what);
-    fclose(file);
+  std::unique_ptr<char, void (*)(void*)> text(
+      static_cast<char*>(sys.calloc(static_cast<size_t>(*size) + 1, 1)), sys.free);
+  if (!text) {
+    KLOG_AT(unit, function, 3, messages.no_memory);
     return nullptr;
   }
-  size_t count = fread(text, 1, static_cast<size_t>(*size), file);
-  fclose(file);
+  size_t count = fread(text.get(), 1, static_cast<size_t>(*size), file.get());
+  file.reset();
   if (count != static_cast<size_t>(*size)) {
-    KLOG_AT(unit, function, 3, "Fail to read %s, expected %d bytes, read %d", what, *size,
-            static_cast<int>(count));
-    free(text);
+    KLOG_AT(unit, function, 3, messages.short_read, *size, static_cast<int>(count));
     return nullptr;
   }
-  return text;
+  return text.release();
 }
 
 }  // namespace commonl
@@ -125,10 +129,25 @@ static const _InfoField* _info_field(const char* text, int length) {
   return nullptr;
 }
 
+static const commonl::FileMessages _INFO_FILE_MESSAGES = {
+    "Missing Linux info file %s",
+    "Empty Linux info file: %s",
+    "No memo for Linux info file",
+    "Fail to read Linux info file, expected %d bytes, read %d",
+    "Too large Linux info file: %s",
+};
+
 LinuxInfo_t* GetLinuxInfoEx(char const* path) {
+  if (path == nullptr) {
+    KLOG(2, "GetLinuxInfoEx: path == NULL");
+    return nullptr;
+  }
   int32_t size = 0;
-  char* text = commonl::read_whole_file(path, "Linux info file", COMMONL_UNIT, __func__, &size);
-  if (text == nullptr) return nullptr;
+  std::unique_ptr<char, void (*)(void*)> buffer(
+      commonl::read_whole_file(path, _INFO_FILE_MESSAGES, COMMONL_UNIT, __func__, &size),
+      sys.free);
+  if (!buffer) return nullptr;
+  const char* text = buffer.get();
 
   jsmn_parser parser;
   jsmntok_t tokens[_MAX_TOKENS];
@@ -136,18 +155,15 @@ LinuxInfo_t* GetLinuxInfoEx(char const* path) {
   const int found = jsmn_parse(&parser, text, static_cast<size_t>(size), tokens, _MAX_TOKENS);
   if (found < 0) {
     KLOG(3, "Failed to parse JSON: %d\n", found);
-    free(text);
     return nullptr;
   }
   if (found == 0 || tokens[0].type != JSMN_OBJECT) {
     KLOG(3, "Object expected\n");
-    free(text);
     return nullptr;
   }
   auto* info = static_cast<LinuxInfo_t*>(sys.calloc(1, sizeof(LinuxInfo_t)));
   if (info == nullptr) {
     KLOG(3, "no memo for LinuxInfo_t\n");
-    free(text);
     return nullptr;
   }
 
@@ -177,7 +193,6 @@ LinuxInfo_t* GetLinuxInfoEx(char const* path) {
     }
     i += 2;
   }
-  free(text);
   return info;
 }
 
@@ -237,19 +252,36 @@ int MessageBeep(unsigned int uType) {
 
 // --- small Win32 calls ---
 
+// Win32 gives these no failure result: a NULL target is reported and gives 0.
 long InterlockedExchange(long volatile* Target, long Value) {
+  if (Target == nullptr) {
+    KLOG(2, "InterlockedExchange: Target == NULL");
+    return 0;
+  }
   return __atomic_exchange_n(Target, Value, __ATOMIC_SEQ_CST);
 }
 
 long InterlockedIncrement(long volatile* Addend) {
+  if (Addend == nullptr) {
+    KLOG(2, "InterlockedIncrement: Addend == NULL");
+    return 0;
+  }
   return __atomic_add_fetch(Addend, 1, __ATOMIC_SEQ_CST);
 }
 
 long InterlockedDecrement(long volatile* Addend) {
+  if (Addend == nullptr) {
+    KLOG(2, "InterlockedDecrement: Addend == NULL");
+    return 0;
+  }
   return __atomic_sub_fetch(Addend, 1, __ATOMIC_SEQ_CST);
 }
 
 long InterlockedCompareExchange(long volatile* Destination, long Exchange, long Comperand) {
+  if (Destination == nullptr) {
+    KLOG(2, "InterlockedCompareExchange: Destination == NULL");
+    return 0;
+  }
   long found = Comperand;
   __atomic_compare_exchange_n(Destination, &found, Exchange, false, __ATOMIC_SEQ_CST,
                               __ATOMIC_SEQ_CST);
@@ -269,7 +301,10 @@ DWORD GetModuleFileName(void* /*hModule*/, char* /*lpFilename*/, unsigned int /*
 }
 
 int CoCreateGuid(_GUID* pguid) {
-  if (pguid == nullptr) return 1;
+  if (pguid == nullptr) {
+    KLOG(2, "CoCreateGuid: pguid == NULL");
+    return 1;
+  }
   FILE* source = sys.fopen("/proc/sys/kernel/random/uuid", "r");
   if (source == nullptr) return 1;
   unsigned char* b = reinterpret_cast<unsigned char*>(pguid);

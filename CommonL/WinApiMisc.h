@@ -51,7 +51,8 @@ extern COMMONL_API char const* const gNexcomModels[3];
 
 // --- small Win32 calls ---
 
-// On 64-bit `long`, unlike Win32; sequentially consistent.
+// On 64-bit `long`, unlike Win32; sequentially consistent. A NULL target is
+// reported and gives 0.
 COMMONL_API long InterlockedExchange(long volatile* Target, long Value);
 COMMONL_API long InterlockedIncrement(long volatile* Addend);
 COMMONL_API long InterlockedDecrement(long volatile* Addend);

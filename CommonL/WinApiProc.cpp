@@ -8,9 +8,11 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sched.h>
+#include <sys/prctl.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <memory>
 #include <string>
 
 #include "WinApiEvents.h"
@@ -24,7 +26,7 @@ HANDLE CreateSemaphore(_SECURITY_ATTRIBUTES* /*lpSemaphoreAttributes*/, long lIn
   if (h == nullptr) return nullptr;
   if (sem_init(&h->tail.sem, 0, static_cast<unsigned int>(lInitialCount)) == -1) {
     KLOG(3, "Fail to create native semaphore");
-    free(h);
+    commonl::sys.free(h);
     return nullptr;
   }
   return h;
@@ -79,46 +81,63 @@ struct thread_start_t {
 };
 
 static const unsigned int _DEFAULT_STACK_SIZE = 1048576;
-static const int _FIRST_PAUSE_US = 10;
-static const int _PAUSE_US = 1;
-static const int _SLOW_START_LOOKS = 1000;
-static const int _NOT_STARTED_LOOKS = 5000000;
+static const useconds_t _FIRST_PAUSE_US = 10;
+static const useconds_t _PAUSE_US = 1;
+static const long long _SLOW_START_LOOKS = 1000;
+static const long long _NOT_STARTED_LOOKS = 5000000;
 static const uintptr_t _BEGINTHREAD_FAILED = static_cast<uintptr_t>(-1);
+// The helpers of the start report as _beginthreadex.
+static const char _BEGIN_OP[] = "_beginthreadex";
 
 static bool _started(const thread_start_t* start) {
   return __atomic_load_n(&start->started, __ATOMIC_ACQUIRE) != 0;
 }
 
-// A pause of `us` microseconds that lasts what it says. A kernel sleep this
-// short is stretched by the timer slack (50 us by default) and, on virtual
-// machines, by the wake-up latency of an idle CPU (about 45 us whatever the
-// slack); the handshake would cost several times a bare thread start. So
-// the pause gives the CPU away until the time is up instead of sleeping.
-static void _pause_us(long us) {
-  struct timespec now, end;
-  clock_gettime(CLOCK_MONOTONIC, &end);
-  end.tv_nsec += us * 1000;
-  if (end.tv_nsec >= 1000000000L) {
-    end.tv_sec++;
-    end.tv_nsec -= 1000000000L;
+// The timer slack (50 us by default) would stretch each of the handshake's
+// one-microsecond sleeps to the slack's length. It is lowered to its least
+// for the calling thread while the object lives, and the caller's value is
+// given back at the end.
+class _TightTimerSlack {
+ public:
+  _TightTimerSlack() : saved_(prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0)) {
+    if (saved_ > 1) prctl(PR_SET_TIMERSLACK, 1, 0, 0, 0);
   }
-  do {
-    sched_yield();
-    clock_gettime(CLOCK_MONOTONIC, &now);
-  } while (now.tv_sec < end.tv_sec || (now.tv_sec == end.tv_sec && now.tv_nsec < end.tv_nsec));
-}
+  ~_TightTimerSlack() {
+    if (saved_ > 1) prctl(PR_SET_TIMERSLACK, saved_, 0, 0, 0);
+  }
+  _TightTimerSlack(const _TightTimerSlack&) = delete;
+  _TightTimerSlack& operator=(const _TightTimerSlack&) = delete;
 
-// Waits in short pauses until the new thread has filled the record; gives
-// the number of looks after the first pause.
+ private:
+  long saved_;
+};
+
+// The new thread writes into the record on the creator's stack until it has
+// set `started`, so the creator must not leave before: a cancellation that
+// comes meanwhile takes effect at the caller's next cancellation point.
+class _CancelDeferred {
+ public:
+  _CancelDeferred() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &saved_); }
+  ~_CancelDeferred() { pthread_setcancelstate(saved_, nullptr); }
+  _CancelDeferred(const _CancelDeferred&) = delete;
+  _CancelDeferred& operator=(const _CancelDeferred&) = delete;
+
+ private:
+  int saved_;
+};
+
+// Sleeps until the new thread has filled the record: 10 us, then 1 us a
+// look. Gives the number of looks after the first sleep.
 static long long _await_start(const thread_start_t* start) {
-  _pause_us(_FIRST_PAUSE_US);
+  _TightTimerSlack slack;
+  commonl::sys.usleep(_FIRST_PAUSE_US);
   if (_started(start)) return 0;
-  _pause_us(_PAUSE_US);
+  commonl::sys.usleep(_PAUSE_US);
   long long looks = 1;
   while (!_started(start)) {
-    _pause_us(_PAUSE_US);
+    commonl::sys.usleep(_PAUSE_US);
     looks++;
-    if (looks >= _NOT_STARTED_LOOKS) KLOG(2, "_beginthreadex: thread not started");
+    if (looks >= _NOT_STARTED_LOOKS) KLOG_AS(_BEGIN_OP, 2, "_beginthreadex: thread not started");
   }
   return looks;
 }
@@ -126,15 +145,29 @@ static long long _await_start(const thread_start_t* start) {
 static bool _prepare_attributes(pthread_attr_t* attr, unsigned int stack_size) {
   struct sched_param unused;
   if (commonl::sys.pthread_attr_getschedparam(attr, &unused) != 0) {
-    KLOG(3, "_beginthreadex: fail to get schedule params");
+    KLOG_AS(_BEGIN_OP, 3, "_beginthreadex: fail to get schedule params");
     return false;
   }
   if (pthread_attr_setstacksize(attr, stack_size) != 0) {
-    KLOG(3, "_beginthreadex: Fail to set stacksize");
+    KLOG_AS(_BEGIN_OP, 3, "_beginthreadex: Fail to set stacksize");
     return false;
   }
   pthread_attr_setdetachstate(attr, PTHREAD_CREATE_DETACHED);
   return true;
+}
+
+// Starts the thread and waits for its handshake; the number of looks, or -1
+// when no thread could be made.
+static long long _start_thread(pthread_attr_t* attr, thread_start_t* start) {
+  _CancelDeferred deferred;
+  pthread_t thread;
+  int created = commonl::sys.pthread_create(&thread, attr, _beginthreadex_proxy, start);
+  pthread_attr_destroy(attr);
+  if (created != 0) {
+    KLOG_AS(_BEGIN_OP, 3, "_beginthreadex error\n");
+    return -1;
+  }
+  return _await_start(start);
 }
 
 uintptr_t _beginthreadex(void* /*security*/, unsigned int stack_size,
@@ -150,15 +183,8 @@ uintptr_t _beginthreadex(void* /*security*/, unsigned int stack_size,
     return _BEGINTHREAD_FAILED;
   }
   thread_start_t start = {start_address, arglist, 0, nullptr, 0};
-  pthread_t thread;
-  int created = commonl::sys.pthread_create(&thread, &attr, _beginthreadex_proxy, &start);
-  pthread_attr_destroy(&attr);
-  if (created != 0) {
-    KLOG(3, "_beginthreadex error\n");
-    return _BEGINTHREAD_FAILED;
-  }
-
-  long long looks = _await_start(&start);
+  long long looks = _start_thread(&attr, &start);
+  if (looks < 0) return _BEGINTHREAD_FAILED;
   if (looks >= _SLOW_START_LOOKS)
     KLOG(4, "_beginthreadex: thread took %d milliseconds to start", static_cast<int>(looks / 1000));
   if (thrdaddr != nullptr) *thrdaddr = start.thread_id;
@@ -267,6 +293,10 @@ int GetThreadPriority(HANDLE hThread) {
 // --- commands ---
 
 void UpdateOutputBufSize(FILE* stream, char* buffer, int* size, int already_read) {
+  if (stream == nullptr || buffer == nullptr || size == nullptr) {
+    KLOG(2, "UpdateOutputBufSize: stream, buffer or size == NULL");
+    return;
+  }
   size_t chunk = *size > 1 ? static_cast<size_t>(*size - 1) : 0;
   long rest = 0;
   size_t got;
@@ -287,16 +317,24 @@ int RunProcess(char const* command, char* output_buf, int* output_buf_size,
     KLOG(3, "Invalid output size address or output_buf_size");
     return 0;
   }
-  FILE* stream = commonl::sys.popen(command, "r");
-  if (stream == nullptr) {
-    KLOG(3, "%s", strerror(errno));
+  if (command == nullptr || output_buf == nullptr) {
+    KLOG(2, "RunProcess: command or output_buf == NULL");
+    return 0;
+  }
+  FILE* opened = commonl::sys.popen(command, "r");
+  if (opened == nullptr) {
+    int error = errno;
+    KLOG(3, "%s", strerror(error));
     *output_buf_size = 0;
     return 0;
   }
+  // A thread cancelled while it reads still closes the stream as it unwinds
+  // (which waits for the command to end).
+  std::unique_ptr<FILE, int (*)(FILE*)> stream(opened, commonl::sys.pclose);
   const int capacity = *output_buf_size;
   const size_t limit = static_cast<size_t>(capacity - 1);
   memset(output_buf, 0, static_cast<size_t>(capacity));
-  size_t total = _read_up_to(stream, output_buf, limit);
+  size_t total = _read_up_to(stream.get(), output_buf, limit);
 
   if (end_marker != nullptr) {
     const char* found = strstr(output_buf, end_marker);
@@ -315,12 +353,15 @@ int RunProcess(char const* command, char* output_buf, int* output_buf_size,
          "RunProcess(): UpdateOutputBufSize() being called because insufficient buffer size "
          "provided (%d)\ncmd: \"%s\"",
          capacity, command);
-    UpdateOutputBufSize(stream, output_buf, output_buf_size, static_cast<int>(total));
+    UpdateOutputBufSize(stream.get(), output_buf, output_buf_size, static_cast<int>(total));
     KLOG(4, "RunProcess(): required: %d", *output_buf_size);
     result = 0;
   }
   output_buf[total] = '\0';
-  if (commonl::sys.pclose(stream) < 0) KLOG(3, "%s", strerror(errno));
+  if (commonl::sys.pclose(stream.release()) < 0) {
+    int error = errno;
+    KLOG(3, "%s", strerror(error));
+  }
   return result;
 }
 
@@ -331,7 +372,10 @@ int GetCurrentProcessId() { return getpid(); }
 // Copies out of getpwuid's static record: not to be run beside another user
 // of it. A size too small fails without telling the size needed.
 int GetUserName(char* lpBuffer, unsigned int* pcbBuffer) {
-  if (lpBuffer == nullptr || pcbBuffer == nullptr) return 0;
+  if (lpBuffer == nullptr || pcbBuffer == nullptr) {
+    KLOG(2, "GetUserName: lpBuffer or pcbBuffer == NULL");
+    return 0;
+  }
   const struct passwd* entry = commonl::sys.getpwuid(getuid());
   if (entry == nullptr || entry->pw_name == nullptr) return 0;
   const size_t length = strlen(entry->pw_name);

@@ -89,39 +89,53 @@ void fillLinuxTmWithWinSystemTime(struct tm* tm, _SYSTEMTIME const* lpSystemTime
 
 static unsigned int _tid() { return static_cast<unsigned int>(pthread_self()); }
 
-// The present through `breakdown` (localtime_r or gmtime_r); on failure the
-// record stays as it was and `function` reports why.
-static void _now_as(_SYSTEMTIME* lpSystemTime, struct tm* (*breakdown)(const time_t*, struct tm*),
-                    const char* breakdown_name, const char* function) {
+// How one of the two readings of the present breaks the time down, and its
+// reports, each the literal text of its message.
+struct _NowReading {
+  const char* function;
+  struct tm* (*breakdown)(const time_t*, struct tm*);
+  const char* failed_with_error;  // "%x", "%d", "%s": the thread, errno and its text
+  const char* failed_with_ret;    // "%x", "%d": the thread and the result
+  const char* breakdown_failed;   // "%x": the thread
+};
+
+static const _NowReading _LOCAL_TIME = {
+    "GetLocalTime", localtime_r,
+    "[tid=0x%x] GetLocalTime: gettimeofday failed with error [%d, %s]",
+    "[tid=0x%x] GetLocalTime: gettimeofday failed with ret = %d",
+    "[tid=0x%x] GetLocalTime: Failed, returned NULL == localtime_r() "};
+
+static const _NowReading _SYSTEM_TIME = {
+    "GetSystemTime", gmtime_r,
+    "[tid=0x%x] GetSystemTime: gettimeofday failed with error [%d, %s]",
+    "[tid=0x%x] GetSystemTime: gettimeofday failed with ret = %d",
+    "[tid=0x%x] GetSystemTime: Failed, returned NULL == gmtime_r() "};
+
+// The present as `reading` breaks it down; on failure the record stays as
+// it was and the log tells why.
+static void _now_as(_SYSTEMTIME* lpSystemTime, const _NowReading& reading) {
   struct timeval tv;
   int ret = sys.gettimeofday(&tv, nullptr);
   if (ret == -1) {
     int error = errno;
-    KLOG_AT(COMMONL_UNIT, function, 3, "[tid=0x%x] %s: gettimeofday failed with error [%d, %s]",
-            _tid(), function, error, strerror(error));
+    KLOG_AS(reading.function, 3, reading.failed_with_error, _tid(), error, strerror(error));
     return;
   }
   if (ret != 0) {
-    KLOG_AT(COMMONL_UNIT, function, 3, "[tid=0x%x] %s: gettimeofday failed with ret = %d", _tid(),
-            function, ret);
+    KLOG_AS(reading.function, 3, reading.failed_with_ret, _tid(), ret);
     return;
   }
   struct tm tm;
-  if (breakdown(&tv.tv_sec, &tm) == nullptr) {
-    KLOG_AT(COMMONL_UNIT, function, 3, "[tid=0x%x] %s: Failed, returned NULL == %s() ", _tid(),
-            function, breakdown_name);
+  if (reading.breakdown(&tv.tv_sec, &tm) == nullptr) {
+    KLOG_AS(reading.function, 3, reading.breakdown_failed, _tid());
     return;
   }
   fillSystemTimeWithLinuxTm(lpSystemTime, &tm, static_cast<int>((tv.tv_usec / 1000) % 1000));
 }
 
-void GetLocalTime(_SYSTEMTIME* lpSystemTime) {
-  _now_as(lpSystemTime, localtime_r, "localtime_r", __func__);
-}
+void GetLocalTime(_SYSTEMTIME* lpSystemTime) { _now_as(lpSystemTime, _LOCAL_TIME); }
 
-void GetSystemTime(_SYSTEMTIME* lpSystemTime) {
-  _now_as(lpSystemTime, gmtime_r, "gmtime_r", __func__);
-}
+void GetSystemTime(_SYSTEMTIME* lpSystemTime) { _now_as(lpSystemTime, _SYSTEM_TIME); }
 
 // --- conversions ---
 

@@ -32,6 +32,9 @@ struct Sys {
   int (*ppoll)(struct pollfd* fds, nfds_t nfds, const struct timespec* timeout,
                const sigset_t* sigmask);
   void* (*calloc)(size_t nmemb, size_t size);
+  // What came from calloc and strdup goes back here, so that tests can see
+  // every path give back what it took.
+  void (*free)(void* ptr);
   char* (*strdup)(const char* s);
   int (*pthread_mutex_lock)(pthread_mutex_t* mutex);
   int (*pthread_mutex_init)(pthread_mutex_t* mutex, const pthread_mutexattr_t* attr);
@@ -46,6 +49,7 @@ struct Sys {
   time_t (*time)(time_t* tloc);
   int (*clock_gettime)(clockid_t clockid, struct timespec* tp);
   int (*nanosleep)(const struct timespec* request, struct timespec* remaining);
+  int (*usleep)(useconds_t usec);
   FILE* (*fopen)(const char* path, const char* mode);
   struct passwd* (*getpwuid)(uid_t uid);
 };
@@ -106,17 +110,27 @@ inline struct timespec realtime_deadline_ms(unsigned int ms) {
   return deadline;
 }
 
+// The log lines of read_whole_file, each the literal text of the file's
+// own message.
+struct FileMessages {
+  const char* missing;     // "%s": the path
+  const char* empty;       // "%s": the path
+  const char* no_memory;   // no argument
+  const char* short_read;  // "%d", "%d": the size and the count read
+  const char* too_large;   // "%s": the path
+};
+
 // The whole file at `path` in a NUL-terminated heap buffer that the caller
-// frees, its length in *size; NULL on failure. `what` names the file in the
-// log ("hw-models file"), whose lines come from the caller's `unit` and
-// `function`.
-char* read_whole_file(const char* path, const char* what, const char* unit, const char* function,
-                      int32_t* size);
+// gives back with sys.free, its length in *size; NULL on failure, which
+// `function` of `unit` reports with `messages`.
+char* read_whole_file(const char* path, const FileMessages& messages, const char* unit,
+                      const char* function, int32_t* size);
 
 }  // namespace commonl
 
 // Logs at `level` as coming from `unit` and `function`, under the rule of
-// log_enabled.
+// log_enabled. `function` is the operation whose message it is, also where a
+// helper of that operation issues it.
 #define KLOG_AT(unit, function, level, ...)                                \
   do {                                                                     \
     if (commonl::log_enabled(level))                                       \
@@ -125,4 +139,5 @@ char* read_whole_file(const char* path, const char* what, const char* unit, cons
 
 // Each source file defines COMMONL_UNIT as its path in the log, for example
 // "../CommonL/Handles", before using KLOG.
-#define KLOG(level, ...) KLOG_AT(COMMONL_UNIT, __func__, level, __VA_ARGS__)
+#define KLOG_AS(function, level, ...) KLOG_AT(COMMONL_UNIT, function, level, __VA_ARGS__)
+#define KLOG(level, ...) KLOG_AS(__func__, level, __VA_ARGS__)

@@ -57,6 +57,34 @@ void BM_floor_pthread_create(benchmark::State& state) {
 }
 BENCHMARK(BM_floor_pthread_create)->UseRealTime();
 
+// The library's handshake as it would run without lowering the timer slack:
+// pthread_create, then 10 us and 1 us sleeps until the new thread has said
+// that it runs, under the thread's default slack.
+std::atomic<bool> g_started{false};
+
+void* mark_started_then_ran(void*) {
+  g_started.store(true, std::memory_order_release);
+  return mark_ran_raw(nullptr);
+}
+
+void BM_handshake_default_slack(benchmark::State& state) {
+  pthread_attr_t attr;
+  pthread_attr_init(&attr);
+  pthread_attr_setstacksize(&attr, 1048576);
+  pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+  for (auto _ : state) {
+    g_ran = false;
+    g_started = false;
+    pthread_t thread;
+    pthread_create(&thread, &attr, mark_started_then_ran, nullptr);
+    usleep(10);
+    while (!g_started.load(std::memory_order_acquire)) usleep(1);
+    spin_until_ran();
+  }
+  pthread_attr_destroy(&attr);
+}
+BENCHMARK(BM_handshake_default_slack)->UseRealTime();
+
 // The recorder runs many threads. While a process has only one, glibc
 // takes a shortcut without atomics in pthread_mutex_lock and friends, which
 // would measure a case that never occurs; so a parked thread keeps the
@@ -131,6 +159,8 @@ BENCHMARK(BM_floor_sem_post_timedwait);
 
 COMMONL_RATIO("_beginthreadex until the routine runs", BM_beginthreadex, BM_floor_pthread_create,
               1.3);
+COMMONL_RATIO("the same handshake under the default timer slack", BM_handshake_default_slack,
+              BM_floor_pthread_create, 1.3);
 COMMONL_RATIO("WaitForSingleObject + ReleaseMutex, uncontended", BM_Mutex_Wait_Release,
               BM_floor_pthread_mutex, 1.2);
 COMMONL_RATIO("ReleaseSemaphore(h, 1) + WaitForSingleObject(h, 0)", BM_Semaphore_Release_Wait0,

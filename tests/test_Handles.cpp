@@ -118,6 +118,16 @@ TEST(ProcessAndThreadState, HandlesCarryTheirIdsAndSurviveAnyClosesLastErrorIsPe
   EXPECT_EQ(DuplicateHandle(process, process, process, &copy, 0, 0, 0), TRUE);
   EXPECT_EQ(copy, process);
   EXPECT_TRUE(Log::lines().empty()) << Log::dump();
+  // Threads ask for it at once and read it; the record is written once.
+  std::vector<std::thread> askers;
+  for (int t = 0; t < 4; t++)
+    askers.emplace_back([process] {
+      for (int i = 0; i < 1000; i++)
+        EXPECT_TRUE(GetCurrentProcess() == process &&
+                    __atomic_load_n(&static_cast<v_handle_t*>(process)->tail.pid,
+                                    __ATOMIC_RELAXED) == getpid());
+    });
+  for (auto& asker : askers) asker.join();
 
   // The thread handle and the last error start zeroed in each thread.
   SetLastError(183);

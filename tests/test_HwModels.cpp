@@ -225,13 +225,18 @@ TEST(HwCatalogueLoad, AMissingFileFailsConcurrentFirstCallsOnceAndLookupsFindNot
   expect_failed_load(path, std::string("Missing hw-models file ") + path);
 }
 
-TEST(HwCatalogueLoad, NullPathCountsAsMissing) {
-  expect_failed_load(nullptr, "Missing hw-models file (null)");
+TEST(HwCatalogueLoad, ANullPathIsRefusedAndLeavesTheLoadToALaterCall) {
+  EXPECT_EQ(GetHwBrands(nullptr), nullptr);
+  EXPECT_EQ(log_lines(), Strings{"2 GetHwBrands: GetHwBrands: path == NULL"});
+  ScratchFile file(kExample);
+  EXPECT_TRUE(isPoESupported("NV-4000", file.path().c_str()));
+  EXPECT_TRUE(isPoESupported("NV-4000", nullptr));  // loaded: the path is not looked at
 }
 
 TEST(HwCatalogueLoad, AFailedLoadStaysFailedAfterTheFileIsRepaired) {
   ScratchFile file("");
   expect_failed_load(file.path().c_str(), "Empty hw-models file: " + file.path());
+  EXPECT_EQ(Log::lines().at(0).format, "Empty hw-models file: %s");
   file.write(kExample);
   EXPECT_FALSE(isPoESupported("NV-4000", file.path().c_str()));
   expect_failed_load(file.path().c_str(), "Empty hw-models file: " + file.path());

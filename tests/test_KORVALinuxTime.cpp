@@ -98,6 +98,19 @@ TEST(SelectedZone, TheFirstLineMatchedByteForByteOrTheFileCannotBeOpened) {
     EXPECT_EQ(log_lines(), key >= 0 ? Lines{} : Lines{no_match + logged});
   }
 
+  {  // The fixed path goes through the seam like every other file.
+    static std::string opened;
+    testsupport::ScratchFile file("UTC\n", "timezone");
+    static const testsupport::ScratchFile* scratch;
+    scratch = &file;
+    testsupport::ScopedSys<decltype(commonl::sys.fopen)> seam(
+        commonl::sys.fopen, [](const char* path, const char* mode) {
+          opened = path;
+          return fopen(scratch->path().c_str(), mode);
+        });
+    EXPECT_EQ(TZ__get_selected_id(), 347);
+    EXPECT_EQ(opened, "/etc/timezone");
+  }
   testsupport::ScopedPaths paths(nullptr, nullptr, "/nonexistent/commonl/timezone");
   EXPECT_EQ(TZ__get_selected_id(), -1);
   EXPECT_EQ(log_lines(),

@@ -239,9 +239,18 @@ TEST(TimeConversions, LocalTimeToUtcTakesTheStandardOffsetOffUTCToLocalDstTimeAd
   zone("America/New_York");
   EXPECT_EQ(korva_time.UTCToLocalDstTime("2026-01-01 12:00:00"), "2026-01-01 07:00:00");
   EXPECT_EQ(korva_time.UTCToLocalDstTime("2026-7-1 8:0:0"), "2026-07-01 04:00:00");
-  // Fields the text doesn't give count as 0.
-  EXPECT_EQ(korva_time.UTCToLocalDstTime("garbage"), korva_time.UTCToLocalDstTime("0-0-0 0:0:0"));
+  // A text that doesn't fit the form has no time to convert.
   log_lines();
+  Log::set_level(3);
+  for (const char* text : {"garbage", "2026-07-01 12:00", ""})
+    EXPECT_EQ(korva_time.UTCToLocalDstTime(text), "") << text;
+  EXPECT_EQ(log_lines(), (Lines{"3 UTCToLocalDstTime: CKORVATime::UTCToLocalDstTime() not a "
+                                "time text: garbage",
+                                "3 UTCToLocalDstTime: CKORVATime::UTCToLocalDstTime() not a "
+                                "time text: 2026-07-01 12:00",
+                                "3 UTCToLocalDstTime: CKORVATime::UTCToLocalDstTime() not a "
+                                "time text: "}));
+  Log::set_level(7);
   EXPECT_EQ(korva_time.UTCToLocalDstTime("2026-07-01 12:00:00"), "2026-07-01 08:00:00");
   const std::string trace = "7 UTCToLocalDstTime: CKORVATime::", arrows = ">>>>>>>>>>>>>\n";
   EXPECT_EQ(log_lines(),
@@ -265,9 +274,11 @@ TEST(SetDateTime, WallClockTimeOfTheSystemsZoneGoesToSettimeofday) {
   CKORVATime korva_time;
   EXPECT_EQ(korva_time.SetManualDateTime(2026, 7, 1, 12, 0, 0), 1);
   EXPECT_EQ(korva_time.SetManualDateTime(2026, 13, 1, 0, 0, 0), 1);
-  EXPECT_EQ(korva_time.SetDateTime("111806122026.27"), 1);
-  for (std::string text : {"", "2026-11-18", "11180612202.27", "111806122026.27\n",
-                           "111806122026,27", "1118061220261.27"}) {
+  // What the scan reads completely is taken: a line end, words behind, blanks in front.
+  for (const char* text : {"111806122026.27", "111806122026.27\n", " 111806122026.27 now",
+                           "11 18 06 12 2026.27"})
+    EXPECT_EQ(korva_time.SetDateTime(text), 1) << text;
+  for (std::string text : {"", "2026-11-18", "111806122026,27", "1118061220261.27"}) {
     EXPECT_EQ(korva_time.SetDateTime(text.c_str()), 0);
     EXPECT_EQ(log_lines(),
               Lines{"3 SetDateTime: SetDateTime: " + text + " does not fit MMDDhhmmYYYY.ss"});
@@ -276,9 +287,9 @@ TEST(SetDateTime, WallClockTimeOfTheSystemsZoneGoesToSettimeofday) {
   EXPECT_EQ(log_lines(), Lines{"2 SetDateTime: KORVA Assert"});
   std::vector<std::pair<time_t, long>> calls;
   for (const auto& call : recorder.calls()) calls.emplace_back(call.tv_sec, call.tv_usec);
-  EXPECT_EQ(calls, (decltype(calls){{utc(2026, 7, 1, 16), 0},
-                                    {utc(2027, 1, 1, 5), 0},
-                                    {utc(2026, 11, 18, 11, 12, 27), 0}}));
+  const std::pair<time_t, long> set_by_text{utc(2026, 11, 18, 11, 12, 27), 0};
+  EXPECT_EQ(calls, (decltype(calls){{utc(2026, 7, 1, 16), 0}, {utc(2027, 1, 1, 5), 0},
+                                    set_by_text, set_by_text, set_by_text, set_by_text}));
   EXPECT_EQ(korva_time.LocalTimeText, "");  // no refresh
 
   ScopedSys<decltype(commonl::sys.settimeofday)> refused(

@@ -171,6 +171,13 @@ TEST(LinuxInfoFile, FilesThatCannotBeReadGiveNullAndTheReaderSaysWhyAtLevel3) {
   close(writer);
   ASSERT_EQ(truncate(large.path().c_str(), 1L << 31), 0);  // sparse
   EXPECT_EQ(GetLinuxInfoEx(large.path().c_str()), nullptr);
+  // A directory opens but can not be read.
+  char dir_pattern[] = "/tmp/commonl-dir-XXXXXX";
+  const std::string dir = mkdtemp(dir_pattern);
+  struct stat dir_stat;
+  ASSERT_EQ(stat(dir.c_str(), &dir_stat), 0);
+  EXPECT_EQ(GetLinuxInfoEx(dir.c_str()), nullptr);
+  rmdir(dir.c_str());
   {
     static std::atomic<int> calls, fail_at;
     auto counted = fake(commonl::sys.calloc, [](size_t n, size_t size) -> void* {
@@ -184,9 +191,11 @@ TEST(LinuxInfoFile, FilesThatCannotBeReadGiveNullAndTheReaderSaysWhyAtLevel3) {
   }
   Lines want = {"Missing Linux info file /nonexistent/sysinfo.json",
                 "Empty Linux info file: " + empty.path(),
-                "Missing Linux info file (null)",
-                "Unknown size of Linux info file: " + fifo.path(),
+                "2 GetLinuxInfoEx: GetLinuxInfoEx: path == NULL",
+                "Empty Linux info file: " + fifo.path(),
                 "Too large Linux info file: " + large.path(),
+                "Fail to read Linux info file, expected " + std::to_string(dir_stat.st_size) +
+                    " bytes, read 0",
                 "No memo for Linux info file",
                 "no memo for LinuxInfo_t\n"};
   // sysfs reports a page as the size of an attribute that holds a few bytes.
@@ -201,6 +210,12 @@ TEST(LinuxInfoFile, FilesThatCannotBeReadGiveNullAndTheReaderSaysWhyAtLevel3) {
                    " bytes, read " + std::to_string(text.size()));
   }
   EXPECT_EQ(log_lines(), want);
+  // Each line carries its message's own text as the format.
+  const Lines formats = {"Missing Linux info file %s", "Empty Linux info file: %s",
+                         "GetLinuxInfoEx: path == NULL", "Empty Linux info file: %s",
+                         "Too large Linux info file: %s",
+                         "Fail to read Linux info file, expected %d bytes, read %d"};
+  for (size_t i = 0; i < formats.size(); i++) EXPECT_EQ(Log::lines().at(i).format, formats[i]);
   Log::clear();
   Log::set_level(2);
   EXPECT_EQ(GetLinuxInfoEx("/nonexistent/sysinfo.json"), nullptr);
@@ -342,6 +357,15 @@ TEST(Interlocked, ResultsAndValuesBeyond32BitsAlsoFromSeveralThreads) {
   EXPECT_EQ(static_cast<long>(v), 0x200000005L);
   EXPECT_EQ(InterlockedCompareExchange(&v, -0x300000000L, 0x200000005L), 0x200000005L);
   EXPECT_EQ(static_cast<long>(v), -0x300000000L);
+  // A NULL target is refused with 0, never followed.
+  EXPECT_EQ(InterlockedIncrement(nullptr) + InterlockedDecrement(nullptr) +
+                InterlockedExchange(nullptr, 5) + InterlockedCompareExchange(nullptr, 5, 0),
+            0);
+  EXPECT_EQ(log_lines(), (Lines{"2 InterlockedIncrement: InterlockedIncrement: Addend == NULL",
+                                "2 InterlockedDecrement: InterlockedDecrement: Addend == NULL",
+                                "2 InterlockedExchange: InterlockedExchange: Target == NULL",
+                                "2 InterlockedCompareExchange: InterlockedCompareExchange: "
+                                "Destination == NULL"}));
 
   // From several threads.
   const int kThreads = 4, kRounds = 20000;
@@ -418,6 +442,7 @@ TEST(CoCreateGuid, RandomVersion4GuidsInTheOrderOfTheTextAndNoSourceLeavesTheRec
   EXPECT_EQ(CoCreateGuid(&guid), 1);
   EXPECT_EQ(std::string(reinterpret_cast<const char*>(b), 16), std::string(16, '\xA5'));
   EXPECT_EQ(CoCreateGuid(nullptr), 1);
+  EXPECT_EQ(log_lines(), Lines{"2 CoCreateGuid: CoCreateGuid: pguid == NULL"});
 }
 
 TEST(SplitPath, TheTableAllAtOnceOrOneBufferAtATimeAndANullPath) {

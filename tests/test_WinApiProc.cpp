@@ -1,6 +1,10 @@
 // Semaphores, threads, priorities and commands.
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -8,6 +12,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <type_traits>
 #include <vector>
 
@@ -220,17 +225,110 @@ TEST(BeginThreadEx, ANullRoutineIsAnAssertionAndFailuresGiveAllBitsSet) {
                    "3 _beginthreadex: fail to get schedule params"}));
 }
 
-TEST(BeginThreadEx, ManyShortThreadsStartFromSeveralCreators) {
+// The start handshake with the new thread held back: the fake pthread_create
+// keeps the start, and the fake usleep lets the thread go at sleep number
+// `release_at` (1 is the first) and records what the sleeps asked for.
+struct HeldStart {
+  static inline long long release_at;
+  static inline std::atomic<long long> sleeps, ten_us, one_us, odd;
+  static inline std::atomic<long> slack_in_sleep;  // at the first sleep
+  static inline void* (*start)(void*);
+  static inline void* arg;
+  ScopedSys<decltype(commonl::sys.pthread_create)> create{commonl::sys.pthread_create, hold};
+  ScopedSys<decltype(commonl::sys.usleep)> sleep{commonl::sys.usleep, record};
+  explicit HeldStart(long long at) {
+    release_at = at, sleeps = ten_us = one_us = odd = 0, slack_in_sleep = -1;
+  }
+  static int hold(pthread_t*, const pthread_attr_t*, void* (*routine)(void*), void* record) {
+    return start = routine, arg = record, 0;
+  }
+  static int record(useconds_t us) {
+    if (++sleeps == 1) slack_in_sleep = prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0);
+    (us == 10 ? ten_us : us == 1 ? one_us : odd)++;
+    if (sleeps == release_at) {  // the thread starts and has run once this returns
+      pthread_t thread;
+      pthread_create(&thread, nullptr, start, arg);
+      pthread_join(thread, nullptr);
+    }
+    return 0;
+  }
+};
+
+unsigned int nothing(void*) { return 0; }
+
+TEST(BeginThreadEx, WaitsInRealSleepsUnderTheLeastTimerSlackCountingLooksForItsReports) {
+  prctl(PR_SET_TIMERSLACK, 20000, 0, 0, 0);
+  Log::set_level(4);
+  const std::string slow = "4 _beginthreadex: thread took ", ms = " milliseconds to start";
+  // {sleep at which the thread starts, sleeps of 1 us, the log}: 10 us first,
+  // then 1 us a look; the looks after the first sleep are counted.
+  const std::tuple<long long, long long, Lines> rows[] = {
+      {1, 0, {}},
+      {2, 1, {}},
+      {1000, 999, {}},
+      {1001, 1000, {slow + "1" + ms}},
+      {5000001, 5000000, {"2 _beginthreadex: thread not started", slow + "5000" + ms}},
+      {5000003, 5000002, Lines(3, "2 _beginthreadex: thread not started")},
+  };
+  for (const auto& [release_at, one_us, log] : rows) {
+    Log::clear();
+    HeldStart held(release_at);
+    unsigned int id = 0;
+    uintptr_t handle = _beginthreadex(nullptr, 0, nothing, nullptr, 0, &id);
+    EXPECT_TRUE(handle != kFailed && id != 0) << release_at;
+    EXPECT_EQ(HeldStart::ten_us.load(), 1) << release_at;
+    EXPECT_EQ(HeldStart::one_us.load(), one_us) << release_at;
+    EXPECT_EQ(HeldStart::odd.load(), 0) << release_at;
+    EXPECT_EQ(HeldStart::slack_in_sleep.load(), 1) << release_at;
+    EXPECT_EQ(prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0), 20000) << release_at;  // the caller's again
+    Lines want = log;
+    if (release_at == 5000003) want.push_back(slow + "5000" + ms);
+    EXPECT_EQ(log_lines(), want) << release_at;
+  }
+  for (const auto& line : Log::lines()) EXPECT_EQ(line.function, "_beginthreadex");
+}
+
+TEST(BeginThreadEx, ManyShortThreadsStartFromSeveralCreatorsEachKeepingItsTimerSlack) {
   static std::atomic<int> ran{0};
   ran = 0;
-  on_threads(4, [](int) {
-    for (int i = 0; i < 50; i++)
+  on_threads(4, [](int t) {
+    prctl(PR_SET_TIMERSLACK, 30000 + t, 0, 0, 0);
+    for (int i = 0; i < 50; i++) {
       EXPECT_NE(
           _beginthreadex(
               nullptr, 0, [](void*) -> unsigned int { return ran++, 0u; }, nullptr, 0, nullptr),
           kFailed);
+      EXPECT_EQ(prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0), 30000 + t);
+    }
   });
   EXPECT_TRUE(testsupport::eventually([] { return ran == 200; }));
+  EXPECT_EQ(Log::count_text("_beginthreadex: thread not started"), 0);
+}
+
+TEST(BeginThreadEx, ACreatorCancelledInTheHandshakeStillReturnsTheHandleAndEndsAfterwards) {
+  static std::atomic<uintptr_t> got;
+  static std::atomic<long> slack;
+  got = 0, slack = 0;
+  Event go, never;
+  OwnThread creator([&] {
+    prctl(PR_SET_TIMERSLACK, 40000, 0, 0, 0);
+    WaitForSingleObject(go, 10000);
+    got = _beginthreadex(nullptr, 0, nothing, nullptr, 0, nullptr);
+    slack = prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0);
+    WaitForSingleObject(never, 10000);  // the cancellation takes effect here
+    got = 0;
+  });
+  HeldStart held(0);  // the thread is let go by hand below
+  commonl::sys.usleep = [](useconds_t us) { return HeldStart::sleeps++, usleep(us); };
+  SetEvent(go);
+  ASSERT_TRUE(testsupport::eventually([] { return HeldStart::sleeps > 2; }));
+  EXPECT_EQ(TerminateThread(creator.h(), 0), TRUE);
+  pthread_t thread;
+  pthread_create(&thread, nullptr, HeldStart::start, HeldStart::arg);
+  pthread_join(thread, nullptr);
+  EXPECT_TRUE(creator.join());
+  EXPECT_TRUE(got != 0 && got != kFailed);
+  EXPECT_EQ(slack.load(), 40000);
 }
 
 // --- thread control ---
@@ -331,6 +429,11 @@ TEST(RunProcess, BadSizesAndPopenAndPcloseFailuresAreReported) {
   for (int* size : {static_cast<int*>(nullptr), &zero, &negative})
     EXPECT_EQ(RunProcess("printf x", buffer, size, nullptr), 0);
   EXPECT_EQ(std::make_pair(zero, negative), std::make_pair(0, -5));
+  int size = sizeof buffer;  // NULL command or buffer: refused, nothing changed
+  EXPECT_EQ(RunProcess(nullptr, buffer, &size, nullptr) + RunProcess("x", nullptr, &size, nullptr), 0);
+  UpdateOutputBufSize(nullptr, buffer, &size, 0);
+  UpdateOutputBufSize(stdin, buffer, nullptr, 0);
+  EXPECT_EQ(size, 4);
   EXPECT_STREQ(buffer, "abc");
   {
     auto failing = fake(commonl::sys.popen,
@@ -340,8 +443,36 @@ TEST(RunProcess, BadSizesAndPopenAndPcloseFailuresAreReported) {
   auto failing = fake(commonl::sys.pclose, [](FILE* f) { return pclose(f), errno = ECHILD, -1; });
   EXPECT_EQ(run("printf x", 10), "1 2 x");
   const char* const kInvalid = "3 Invalid output size address or output_buf_size";
-  EXPECT_EQ(log_lines(),
-            (Lines{kInvalid, kInvalid, kInvalid, "3 Too many open files", "3 No child processes"}));
+  const char* const kNull = "2 RunProcess: command or output_buf == NULL";
+  const char* const kUpdateNull = "2 UpdateOutputBufSize: stream, buffer or size == NULL";
+  EXPECT_EQ(log_lines(), (Lines{kInvalid, kInvalid, kInvalid, kNull, kNull, kUpdateNull,
+                                kUpdateNull, "3 Too many open files", "3 No child processes"}));
+}
+
+TEST(RunProcess, AThreadCancelledWhileReadingClosesTheStreamOnceTheCommandEnds) {
+  ScratchFile fifo("", "fifo");
+  unlink(fifo.path().c_str());
+  ASSERT_EQ(mkfifo(fifo.path().c_str(), 0600), 0);
+  static std::atomic<int> closes;
+  closes = 0;
+  auto counted = fake(commonl::sys.pclose, [](FILE* f) { return closes++, pclose(f); });
+  std::atomic<pid_t> tid{0};
+  const std::string command = "cat " + fifo.path();
+  OwnThread reader([&] {
+    tid = gettid();
+    std::vector<char> buffer(64);
+    int size = 64;
+    RunProcess(command.c_str(), buffer.data(), &size, nullptr);
+    tid = -1;  // not reached
+  });
+  ASSERT_TRUE(testsupport::eventually([&] { return tid > 0; }));
+  ASSERT_TRUE(testsupport::blocked_in_syscall(tid, SYS_read));
+  EXPECT_EQ(TerminateThread(reader.h(), 0), TRUE);
+  int writer = open(fifo.path().c_str(), O_WRONLY);  // lets cat end
+  close(writer);
+  EXPECT_TRUE(reader.join());
+  EXPECT_EQ(closes.load(), 1);
+  EXPECT_NE(tid.load(), -1);
 }
 
 // --- the process and its user ---
@@ -357,6 +488,7 @@ TEST(ProcessAndUser, ProcessIdIsGetpidAndUserNameSizeProtocol) {
   }
   EXPECT_EQ(GetUserName(nullptr, &size), 0);
   EXPECT_EQ(GetUserName(keep, nullptr), 0);
+  EXPECT_EQ(Log::count(2, "GetUserName: lpBuffer or pcbBuffer == NULL"), 2);
   EXPECT_EQ(size, sizeof keep);
   EXPECT_STREQ(keep, "keep");
 

@@ -1,5 +1,6 @@
 #include "support.h"
 
+#include <errno.h>
 #include <gtest/gtest.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -17,6 +18,15 @@ namespace {
 std::mutex g_log_mutex;
 std::vector<testsupport::LogLine> g_log_lines;
 std::atomic<int> g_log_level{7};
+std::function<void(const testsupport::LogLine&)> g_log_hook;
+
+// The operations whose own names begin with an underscore.
+bool _is_operation(const std::string& function) {
+  for (const char* name : {"_beginthreadex", "_beginthreadex_proxy", "_dic_find", "_dic_insert",
+                           "_dic_remove", "_splitpath"})
+    if (function == name) return true;
+  return function.empty() || function[0] != '_';
+}
 
 std::mutex g_record_mutex;
 std::vector<std::string> g_commands;
@@ -43,6 +53,7 @@ class _Reset : public ::testing::EmptyTestEventListener {
     testsupport::Log::clear();
     testsupport::Log::set_level(7);
   }
+  void OnTestEnd(const ::testing::TestInfo&) override { testsupport::Log::on_line(nullptr); }
 };
 
 struct _Install {
@@ -61,7 +72,10 @@ struct _Install {
 
 }  // namespace
 
-extern "C" int LoggerGetLevel(void) { return g_log_level.load(); }
+extern "C" int LoggerGetLevel(void) {
+  errno = ENOTTY;
+  return g_log_level.load();
+}
 
 extern "C" void LogOutputLevel(int level, const char* file, int line, const char* function,
                                const char* format, ...) {
@@ -70,13 +84,28 @@ extern "C" void LogOutputLevel(int level, const char* file, int line, const char
   va_start(args, format);
   vsnprintf(text, sizeof text, format, args);
   va_end(args);
-  std::lock_guard<std::mutex> lock(g_log_mutex);
-  g_log_lines.push_back({level, file ? file : "", line, function ? function : "", text});
+  testsupport::LogLine logged{level,          file ? file : "", line, function ? function : "",
+                              format ? format : "", text};
+  EXPECT_TRUE(_is_operation(logged.function))
+      << "logged under the helper " << logged.function << ": " << logged.text;
+  std::function<void(const testsupport::LogLine&)> hook;
+  {
+    std::lock_guard<std::mutex> lock(g_log_mutex);
+    g_log_lines.push_back(logged);
+    hook = g_log_hook;
+  }
+  if (hook) hook(logged);
+  errno = ENOTTY;
 }
 
 namespace testsupport {
 
 void Log::set_level(int level) { g_log_level = level; }
+
+void Log::on_line(std::function<void(const LogLine&)> hook) {
+  std::lock_guard<std::mutex> lock(g_log_mutex);
+  g_log_hook = std::move(hook);
+}
 
 void Log::clear() {
   std::lock_guard<std::mutex> lock(g_log_mutex);

@@ -19,10 +19,15 @@ struct LogLine {
   std::string file;
   int line;
   std::string function;
-  std::string text;  // the format expanded with its arguments
+  std::string format;  // as given: the message's own text with its conversions
+  std::string text;    // the format expanded with its arguments
 };
 
 // Every LogOutputLevel call of the library lands here instead of the logger.
+// Like a real logger it may change errno: both calls leave it at ENOTTY. A
+// line is logged under the name of the operation whose message it is, never
+// under one of the library's file-local helpers (whose names begin with an
+// underscore): such a line fails the test.
 class Log {
  public:
   // The level LoggerGetLevel() answers; 7 (everything) at the start of each test.
@@ -35,6 +40,9 @@ class Log {
   // Lines with this text at any level.
   static int count_text(const std::string& text);
   static std::string dump();
+  // Called with each line as it is logged, on the logging thread, until the
+  // end of the test; it may block there.
+  static void on_line(std::function<void(const LogLine&)> hook);
 };
 
 // Replaces one entry of commonl::sys for the life of the object.
