@@ -1,5 +1,6 @@
 // The commonl tool: what the CommonL library sees on a machine, asked
-// through the library's exported calls. Shared between the tool's files.
+// through the library's exported calls, and the checks of its two files.
+// Shared between the tool's files.
 #pragma once
 
 #include <stddef.h>
@@ -56,6 +57,24 @@ void print_library_log();
 // message on standard error. Returns kFailed.
 int failure(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
+// --- source text ---
+
+// The whole file at `path` in `text`; false with a reason in `error`.
+bool read_file(const std::string& path, std::string& text, std::string& error);
+
+// Turns byte offsets into 1-based lines and columns (columns count bytes).
+class LineIndex {
+ public:
+  explicit LineIndex(const std::string& text);
+  int line(size_t offset) const;
+  int column(size_t offset) const;
+  size_t line_start(int line) const { return starts_[static_cast<size_t>(line) - 1]; }
+  int lines() const { return static_cast<int>(starts_.size()); }
+
+ private:
+  std::vector<size_t> starts_;
+};
+
 // --- the system information record ---
 
 // A field of LinuxInfo_t and the key it is read from; Ram, the one number,
@@ -80,6 +99,7 @@ struct Options {
   std::string catalogue = kCataloguePath;
   bool json = false;
   std::string model;             // model TEXT
+  std::string check_path;        // check catalogue|sysinfo [PATH]
   unsigned int beep_type = 0xFFFFFFFFu;
   bool dry_run = false;
   std::vector<std::string> command;  // run COMMAND...
@@ -95,6 +115,8 @@ int cmd_zones(const Options& o);
 int cmd_zone(const Options& o);
 int cmd_beep(const Options& o);
 int cmd_run(const Options& o);
+int cmd_check_catalogue(const Options& o);
+int cmd_check_sysinfo(const Options& o);
 
 // MessageBeep's types by name or number ("exclamation", "0x30", "48");
 // false if `text` is neither.

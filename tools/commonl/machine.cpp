@@ -95,7 +95,8 @@ bool _entry_fields(Out& out, const std::string& path, const char* text) {
 
 int _not_found(const std::string& path, const std::string& text) {
   if (GetHwBrands(path.c_str()) == nullptr)
-    return failure("%s: the library could not load the catalogue", path.c_str());
+    return failure("%s: the library could not load the catalogue; 'commonl check catalogue %s' tells why",
+                   path.c_str(), path.c_str());
   return failure("%s: no entry matches the model \"%s\"", path.c_str(), text.c_str());
 }
 

@@ -86,6 +86,19 @@ std::vector<_Command> _commands(CLI::App& app, Options& o) {
                        tool::cmd_zone);
   _json_option(zone, o);
 
+  CLI::App* check = app.add_subcommand("check", "check a file as the library reads it");
+  check->require_subcommand(1);
+  const char* checked =
+      "A syntax error shows as PATH:LINE:COLUMN: message; what the library would refuse, drop, cut "
+      "or ignore shows at its place. Succeeds only when the library loads the file as it is "
+      "written.";
+  CLI::App* catalogue = add(check, "catalogue", "check hw-models.conf", checked, tool::cmd_check_catalogue);
+  catalogue->add_option("PATH", o.check_path, "the file")->default_str(tool::kCataloguePath);
+  _json_option(catalogue, o);
+  CLI::App* sysinfo = add(check, "sysinfo", "check sysinfo.json", checked, tool::cmd_check_sysinfo);
+  sysinfo->add_option("PATH", o.check_path, "the file")->default_str(tool::kSysinfoPath);
+  _json_option(sysinfo, o);
+
   CLI::App* beep = add(&app, "beep", "sound the alarm as MessageBeep(TYPE) does",
                        "On the buzzer or through the sound file, as the catalogue says for the "
                        "machine's model. MessageBeep reads the installed files only; --sysinfo and "
@@ -127,7 +140,8 @@ std::vector<_Command> _commands(CLI::App& app, Options& o) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app("commonl: what the CommonL library sees on this machine", "commonl");
+  CLI::App app("commonl: what the CommonL library sees on this machine, and checks of its files",
+               "commonl");
   app.set_version_flag("--version", std::string("commonl ") + tool::library_version());
   app.require_subcommand(1);
   Options o;

@@ -1,8 +1,11 @@
-// Output for people and for programs, and the library's log.
+// Output for people and for programs, the library's log, and source text.
+#include <errno.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/stat.h>
 
+#include <algorithm>
 #include <mutex>
 
 #include <rapidjson/prettywriter.h>
@@ -177,6 +180,41 @@ int failure(const char* format, ...) {
   fputc('\n', stderr);
   va_end(args);
   return kFailed;
+}
+
+bool read_file(const std::string& path, std::string& text, std::string& error) {
+  struct stat info;
+  if (stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
+    error = "is a directory";
+    return false;
+  }
+  FILE* file = fopen(path.c_str(), "rb");
+  if (file == nullptr) {
+    error = strerror(errno);
+    return false;
+  }
+  text.clear();
+  char chunk[65536];
+  size_t count;
+  while ((count = fread(chunk, 1, sizeof chunk, file)) > 0) text.append(chunk, count);
+  bool failed = ferror(file) != 0;
+  fclose(file);
+  if (failed) error = "read error";
+  return !failed;
+}
+
+LineIndex::LineIndex(const std::string& text) {
+  starts_.push_back(0);
+  for (size_t i = 0; i < text.size(); i++)
+    if (text[i] == '\n') starts_.push_back(i + 1);
+}
+
+int LineIndex::line(size_t offset) const {
+  return static_cast<int>(std::upper_bound(starts_.begin(), starts_.end(), offset) - starts_.begin());
+}
+
+int LineIndex::column(size_t offset) const {
+  return static_cast<int>(offset - line_start(line(offset))) + 1;
 }
 
 }  // namespace tool
