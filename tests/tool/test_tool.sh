@@ -3,7 +3,7 @@
 # exit status of each command.
 #   test_tool.sh GROUP COMMONL VERSION
 # GROUP is one of: usage lookups zones check-catalogue check-sysinfo
-# sound-and-commands. Fixtures stand beside this script; the
+# sound-and-commands port-check. Fixtures stand beside this script; the
 # paths in the expected output are relative to it.
 set -uo pipefail
 group=$1
@@ -57,7 +57,7 @@ usage() {
   check 0 --version
   out_is "commonl $version"
   check 0 --help
-  out_has '^Subcommands:' && out_has '^  check '
+  out_has '^Subcommands:' && out_has '^  port-check '
   check 0 beep --help
   out_has 'dry-run, for which the tool works the command out from the same facts'
   # Command lines that can't be used: status 2 and a word on what is wrong.
@@ -78,6 +78,7 @@ beep tuba|not a MessageBeep type: tuba
 beep --sysinfo x|--sysinfo requires --dry-run
 beep --catalogue x|--catalogue requires --dry-run
 run --buffer-size 0 true|Value 0 not in range
+port-check no-such-file.c|no-such-file.c
 EOF
 }
 
@@ -381,6 +382,26 @@ EOF
   out_is 'RunProcess: 1, 1 of 4096 bytes used'
 }
 
+port_check() {
+  # Each fixture marks the lines the rule must find with "// expect: RULE";
+  # the rest must go unreported.
+  local fixture found wanted
+  for fixture in port-check/*.cpp; do
+    check "$(grep -q '// expect: ' "$fixture" && echo 1 || echo 0)" port-check "$fixture"
+    found=$(sed -E 's/^[^:]+:([0-9]+): .+; .+ \[([a-z-]+)\]$/\1 \2/' <<<"$out")
+    wanted=$(grep -n '// expect: ' "$fixture" | sed -E 's/^([0-9]+):.*\/\/ expect: ([a-z-]+)$/\1 \2/')
+    [[ $found == "$wanted" ]] || fail "findings differ from the marks (< marked, > found):" "$(diff <(echo "$wanted") <(echo "$found"))"
+    [[ $(basename "$fixture" .cpp) == "$(sed -E 's/.* //' <<<"$wanted" | sort -u)" ]] || fail "a fixture holds the cases of its own rule only"
+  done
+  check 1 port-check port-check
+  [[ $(wc -l <<<"$out") == "$(grep -c '// expect: ' port-check/*.cpp | awk -F: '{n += $2} END {print n}')" ]] ||
+    fail "a directory is not searched whole"
+  check 0 port-check ../../examples
+  out_is ""
+  scratch clean.h 'HANDLE start(void) { return CreateEvent(NULL, TRUE, FALSE, "stop"); }\n'
+  check 0 port-check "$scratch/clean.h"
+}
+
 case $group in
   usage) usage ;;
   lookups) lookups ;;
@@ -388,6 +409,7 @@ case $group in
   check-catalogue) check_catalogue ;;
   check-sysinfo) check_sysinfo ;;
   sound-and-commands) sound_and_commands ;;
+  port-check) port_check ;;
   *)
     echo "unknown group: $group" >&2
     exit 2

@@ -1,6 +1,6 @@
 // The commonl tool: what the CommonL library sees on a machine, asked
-// through the library's exported calls, and the checks of its two files.
-// Shared between the tool's files.
+// through the library's exported calls, and the checks of its two files and
+// of Win32 sources that are being ported. Shared between the tool's files.
 #pragma once
 
 #include <stddef.h>
@@ -106,6 +106,7 @@ struct Options {
   int buffer_size = 4096;
   std::string end_marker;
   bool has_end_marker = false;
+  std::vector<std::string> paths;  // port-check PATH...
 };
 
 int cmd_info(const Options& o);
@@ -117,6 +118,7 @@ int cmd_beep(const Options& o);
 int cmd_run(const Options& o);
 int cmd_check_catalogue(const Options& o);
 int cmd_check_sysinfo(const Options& o);
+int cmd_port_check(const Options& o);
 
 // MessageBeep's types by name or number ("exclamation", "0x30", "48");
 // false if `text` is neither.

@@ -134,13 +134,21 @@ std::vector<_Command> _commands(CLI::App& app, Options& o) {
   run->add_option("--end-marker", o.end_marker, "cut the output behind this text")
       ->each([&o](const std::string&) { o.has_end_marker = true; });
 
+  CLI::App* port = add(&app, "port-check", "find Win32 uses that behave differently under CommonL",
+                       "Reads C and C++ sources, and the sources under directories. One line a "
+                       "finding: FILE:LINE: what differs; what to do [rule]. Fails on any finding.",
+                       tool::cmd_port_check);
+  port->add_option("PATH", o.paths, "source files, or directories to search for them")
+      ->required()
+      ->check(CLI::ExistingPath);
   return commands;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app("commonl: what the CommonL library sees on this machine, and checks of its files",
+  CLI::App app("commonl: what the CommonL library sees on this machine, checks of its files, "
+               "and a porting check for Win32 sources",
                "commonl");
   app.set_version_flag("--version", std::string("commonl ") + tool::library_version());
   app.require_subcommand(1);
