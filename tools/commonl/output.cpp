@@ -168,6 +168,8 @@ std::vector<std::string> take_library_log() {
 }
 
 void print_library_log() {
+  // After what the command wrote, also when standard output is a pipe.
+  fflush(stdout);
   for (const std::string& line : take_library_log()) fprintf(stderr, "library: %s\n", line.c_str());
 }
 
