@@ -24,10 +24,6 @@ using testsupport::ScopedSys;
 using Lines = std::vector<std::string>;
 using Results = std::vector<DWORD>;
 
-// Replaces commonl::sys.<slot> until the end of the scope.
-#define SEAM(slot, ...) \
-  ScopedSys<decltype(commonl::sys.slot)> seam_##slot(commonl::sys.slot, __VA_ARGS__)
-
 namespace {
 
 // Closes its handle at the end of the scope.

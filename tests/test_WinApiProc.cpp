@@ -19,7 +19,12 @@
 #include "CommonL.h"
 #include "support.h"
 
-using namespace testsupport;
+using testsupport::Log;
+using testsupport::LogLine;
+using testsupport::ScopedPaths;
+using testsupport::ScopedSys;
+using testsupport::ScratchFile;
+using testsupport::SystemRecorder;
 using Lines = std::vector<std::string>;
 
 namespace {

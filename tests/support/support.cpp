@@ -3,22 +3,25 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <stdarg.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <fstream>
+#include <memory>
 #include <mutex>
 #include <sstream>
 #include <thread>
 
 namespace {
 
-std::mutex g_log_mutex;
-std::vector<testsupport::LogLine> g_log_lines;
-std::atomic<int> g_log_level{7};
-std::function<void(const testsupport::LogLine&)> g_log_hook;
+std::mutex g_mutex;  // guards what follows
+std::vector<testsupport::LogLine> g_lines;
+std::function<void(const testsupport::LogLine&)> g_hook;
+std::vector<std::string> g_commands;
+std::vector<struct timeval> g_times;
+std::vector<std::string> g_all_commands;
+std::atomic<int> g_level{7}, g_system_status{0}, g_settimeofday_result{0};
 
 // The operations whose own names begin with an underscore.
 bool _is_operation(const std::string& function) {
@@ -28,25 +31,17 @@ bool _is_operation(const std::string& function) {
   return function.empty() || function[0] != '_';
 }
 
-std::mutex g_record_mutex;
-std::vector<std::string> g_commands;
-std::atomic<int> g_system_status{0};
-std::vector<struct timeval> g_times;
-std::atomic<int> g_settimeofday_result{0};
-
-int _recording_system(const char* command) {
-  std::lock_guard<std::mutex> lock(g_record_mutex);
-  g_commands.push_back(command ? command : "(null)");
-  return g_system_status.load();
+int _unexpected_system(const char* command) {
+  ADD_FAILURE() << "system() reached without a SystemRecorder: " << command;
+  return -1;
 }
 
-int _recording_settimeofday(const struct timeval* tv, const struct timezone*) {
-  std::lock_guard<std::mutex> lock(g_record_mutex);
-  g_times.push_back(tv ? *tv : timeval{});
-  return g_settimeofday_result.load();
+int _unexpected_settimeofday(const struct timeval*, const struct timezone*) {
+  ADD_FAILURE() << "settimeofday() reached without a SettimeofdayRecorder";
+  return -1;
 }
 
-// Every test starts with an empty log at full detail, and with the real
+// Every test starts with an empty log at full detail, no hook, and the
 // machine out of reach of system() and settimeofday().
 class _Reset : public ::testing::EmptyTestEventListener {
   void OnTestStart(const ::testing::TestInfo&) override {
@@ -58,23 +53,17 @@ class _Reset : public ::testing::EmptyTestEventListener {
 
 struct _Install {
   _Install() {
-    commonl::sys.system = [](const char* command) -> int {
-      ADD_FAILURE() << "system() reached without a SystemRecorder: " << command;
-      return -1;
-    };
-    commonl::sys.settimeofday = [](const struct timeval*, const struct timezone*) -> int {
-      ADD_FAILURE() << "settimeofday() reached without a SettimeofdayRecorder";
-      return -1;
-    };
+    commonl::sys.system = _unexpected_system;
+    commonl::sys.settimeofday = _unexpected_settimeofday;
     ::testing::UnitTest::GetInstance()->listeners().Append(new _Reset);
   }
-};
+} _install;
 
 }  // namespace
 
 extern "C" int LoggerGetLevel(void) {
   errno = ENOTTY;
-  return g_log_level.load();
+  return g_level;
 }
 
 extern "C" void LogOutputLevel(int level, const char* file, int line, const char* function,
@@ -84,15 +73,13 @@ extern "C" void LogOutputLevel(int level, const char* file, int line, const char
   va_start(args, format);
   vsnprintf(text, sizeof text, format, args);
   va_end(args);
-  testsupport::LogLine logged{level,          file ? file : "", line, function ? function : "",
-                              format ? format : "", text};
-  EXPECT_TRUE(_is_operation(logged.function))
-      << "logged under the helper " << logged.function << ": " << logged.text;
+  testsupport::LogLine logged{level, file, line, function, format, text};
+  EXPECT_TRUE(_is_operation(function)) << "logged under the helper " << function << ": " << text;
   std::function<void(const testsupport::LogLine&)> hook;
   {
-    std::lock_guard<std::mutex> lock(g_log_mutex);
-    g_log_lines.push_back(logged);
-    hook = g_log_hook;
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_lines.push_back(logged);
+    hook = g_hook;
   }
   if (hook) hook(logged);
   errno = ENOTTY;
@@ -100,90 +87,105 @@ extern "C" void LogOutputLevel(int level, const char* file, int line, const char
 
 namespace testsupport {
 
-void Log::set_level(int level) { g_log_level = level; }
-
-void Log::on_line(std::function<void(const LogLine&)> hook) {
-  std::lock_guard<std::mutex> lock(g_log_mutex);
-  g_log_hook = std::move(hook);
-}
+void Log::set_level(int level) { g_level = level; }
 
 void Log::clear() {
-  std::lock_guard<std::mutex> lock(g_log_mutex);
-  g_log_lines.clear();
+  std::lock_guard<std::mutex> lock(g_mutex);
+  g_lines.clear();
 }
 
 std::vector<LogLine> Log::lines() {
-  std::lock_guard<std::mutex> lock(g_log_mutex);
-  return g_log_lines;
+  std::lock_guard<std::mutex> lock(g_mutex);
+  return g_lines;
+}
+
+Lines Log::take(int max_level) {
+  Lines out;
+  for (const LogLine& l : lines())
+    if (l.level <= max_level) out.push_back(std::to_string(l.level) + " " + l.function + ": " + l.text);
+  clear();
+  return out;
+}
+
+std::string Log::dump() {
+  std::ostringstream out;
+  for (const LogLine& l : lines())
+    out << "[" << l.level << "] " << l.file << ":" << l.line << " " << l.function << ": " << l.text
+        << "\n";
+  return out.str();
 }
 
 int Log::count(int level, const std::string& text) {
   int n = 0;
-  for (const LogLine& line : lines())
-    if (line.level == level && line.text == text) n++;
+  for (const LogLine& l : lines()) n += l.level == level && l.text == text;
   return n;
 }
 
 int Log::count_text(const std::string& text) {
   int n = 0;
-  for (const LogLine& line : lines())
-    if (line.text == text) n++;
+  for (const LogLine& l : lines()) n += l.text == text;
   return n;
 }
 
-std::string Log::dump() {
-  std::ostringstream out;
-  for (const LogLine& line : lines())
-    out << "[" << line.level << "] " << line.file << ":" << line.line << " " << line.function
-        << ": " << line.text << "\n";
-  return out.str();
+void Log::on_line(std::function<void(const LogLine&)> hook) {
+  std::lock_guard<std::mutex> lock(g_mutex);
+  g_hook = std::move(hook);
 }
+
+int fail_with(int error) { return errno = error, -1; }
 
 SystemRecorder::SystemRecorder(int status) {
-  std::lock_guard<std::mutex> lock(g_record_mutex);
-  g_commands.clear();
+  take();
+  g_all_commands.clear();
   g_system_status = status;
-  commonl::sys.system = _recording_system;
-}
-
-SystemRecorder::~SystemRecorder() {
-  commonl::sys.system = [](const char*) -> int {
-    ADD_FAILURE() << "system() reached without a SystemRecorder";
-    return -1;
+  commonl::sys.system = [](const char* command) {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_commands.push_back(command);
+    g_all_commands.push_back(command);
+    return g_system_status.load();
   };
 }
+
+SystemRecorder::~SystemRecorder() { commonl::sys.system = _unexpected_system; }
 
 void SystemRecorder::set_status(int status) { g_system_status = status; }
 
-std::vector<std::string> SystemRecorder::commands() const {
-  std::lock_guard<std::mutex> lock(g_record_mutex);
-  return g_commands;
+Lines SystemRecorder::commands() const {
+  std::lock_guard<std::mutex> lock(g_mutex);
+  return g_all_commands;
+}
+
+Lines SystemRecorder::take() {
+  std::lock_guard<std::mutex> lock(g_mutex);
+  Lines commands;
+  commands.swap(g_commands);
+  return commands;
 }
 
 SettimeofdayRecorder::SettimeofdayRecorder(int result) {
-  std::lock_guard<std::mutex> lock(g_record_mutex);
   g_times.clear();
   g_settimeofday_result = result;
-  commonl::sys.settimeofday = _recording_settimeofday;
-}
-
-SettimeofdayRecorder::~SettimeofdayRecorder() {
-  commonl::sys.settimeofday = [](const struct timeval*, const struct timezone*) -> int {
-    ADD_FAILURE() << "settimeofday() reached without a SettimeofdayRecorder";
-    return -1;
+  commonl::sys.settimeofday = [](const struct timeval* tv, const struct timezone* tz) {
+    EXPECT_TRUE(tv->tv_usec == 0 && tz == nullptr);
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_times.push_back(*tv);
+    return g_settimeofday_result.load();
   };
 }
 
+SettimeofdayRecorder::~SettimeofdayRecorder() {
+  commonl::sys.settimeofday = _unexpected_settimeofday;
+}
+
 std::vector<struct timeval> SettimeofdayRecorder::calls() const {
-  std::lock_guard<std::mutex> lock(g_record_mutex);
+  std::lock_guard<std::mutex> lock(g_mutex);
   return g_times;
 }
 
 ScratchFile::ScratchFile(const std::string& content, const std::string& name) {
   char pattern[] = "/tmp/commonl-test-XXXXXX";
-  const char* dir = mkdtemp(pattern);
-  if (dir == nullptr) throw std::runtime_error("mkdtemp failed");
-  dir_ = dir;
+  if (mkdtemp(pattern) == nullptr) throw std::runtime_error("mkdtemp failed");
+  dir_ = pattern;
   path_ = dir_ + "/" + name;
   write(content);
 }
@@ -194,8 +196,7 @@ ScratchFile::~ScratchFile() {
 }
 
 void ScratchFile::write(const std::string& content) const {
-  std::ofstream out(path_, std::ios::binary | std::ios::trunc);
-  out << content;
+  std::ofstream(path_, std::ios::binary | std::ios::trunc) << content;
 }
 
 ScopedPaths::ScopedPaths(const char* sysinfo, const char* hw_models, const char* timezone)
@@ -207,6 +208,35 @@ ScopedPaths::ScopedPaths(const char* sysinfo, const char* hw_models, const char*
 
 ScopedPaths::~ScopedPaths() { commonl::paths = saved_; }
 
+OwnThread::OwnThread(std::function<void()> body, unsigned int* id)
+    : body_(std::move(body)),
+      ended_(CreateEvent(nullptr, TRUE, FALSE, nullptr)),
+      handle_(_beginthreadex(nullptr, 0, _run, this, 0, id)) {}
+
+unsigned int OwnThread::_run(void* self) {
+  auto* me = static_cast<OwnThread*>(self);
+  std::unique_ptr<void, BOOL (*)(HANDLE)> on_exit(me->ended_.h, SetEvent);  // also if cancelled
+  me->body_();
+  return 0;
+}
+
+bool OwnThread::join() const {
+  return handle_ == uintptr_t(-1) || WaitForSingleObject(ended_, 10000) == WAIT_OBJECT_0;
+}
+
+void on_threads(int n, const std::function<void(int)>& body) {
+  std::vector<std::thread> threads;
+  for (int t = 0; t < n; t++) threads.emplace_back(body, t);
+  for (std::thread& thread : threads) thread.join();
+}
+
+void zone(const char* tz) {
+  setenv("TZ", tz, 1);
+  tzset();
+}
+
+std::string resource(const char* name) { return std::string(COMMONL_SOURCE_DIR "/resources/") + name; }
+
 bool eventually(const std::function<bool()>& done, std::chrono::milliseconds limit) {
   auto end = std::chrono::steady_clock::now() + limit;
   while (!done()) {
@@ -217,16 +247,11 @@ bool eventually(const std::function<bool()>& done, std::chrono::milliseconds lim
 }
 
 bool blocked_in_syscall(pid_t tid, long syscall_nr, std::chrono::milliseconds limit) {
-  std::string path = "/proc/self/task/" + std::to_string(tid) + "/syscall";
-  return eventually(
-      [&] {
-        std::ifstream in(path);
-        long nr = -1;
-        return (in >> nr) && nr == syscall_nr;
-      },
-      limit);
+  const std::string path = "/proc/self/task/" + std::to_string(tid) + "/syscall";
+  return eventually([&] {
+    long nr = -1;
+    return (std::ifstream(path) >> nr) && nr == syscall_nr;
+  }, limit);
 }
 
 }  // namespace testsupport
-
-static _Install _install;

@@ -1,6 +1,6 @@
-// Test support: a capturing logger, seams over the library's system calls,
-// recorders for commands and clock changes, and scratch files for the
-// library's fixed paths.
+// What the unit tests share: a capturing logger, seams over the library's
+// system calls, recorders for commands and clock changes, scratch files for
+// the library's fixed paths, and threads that end where a test can see it.
 #pragma once
 
 #include <sys/types.h>
@@ -10,9 +10,12 @@
 #include <string>
 #include <vector>
 
+#include "CommonL.h"
 #include "internal.h"
 
 namespace testsupport {
+
+using Lines = std::vector<std::string>;
 
 struct LogLine {
   int level;
@@ -27,21 +30,21 @@ struct LogLine {
 // Like a real logger it may change errno: both calls leave it at ENOTTY. A
 // line is logged under the name of the operation whose message it is, never
 // under one of the library's file-local helpers (whose names begin with an
-// underscore): such a line fails the test.
+// underscore): such a line fails the test. Each test starts with an empty
+// log at level 7 and no hook.
 class Log {
  public:
-  // The level LoggerGetLevel() answers; 7 (everything) at the start of each test.
-  static void set_level(int level);
+  static void set_level(int level);  // what LoggerGetLevel() answers
   static void clear();
   static std::vector<LogLine> lines();
-  // Lines with exactly this level and text.
-  static int count(int level, const std::string& text);
-  static bool has(int level, const std::string& text) { return count(level, text) > 0; }
-  // Lines with this text at any level.
-  static int count_text(const std::string& text);
+  // The lines so far up to `max_level`, as "level function: text", then
+  // forgotten.
+  static Lines take(int max_level = 7);
   static std::string dump();
-  // Called with each line as it is logged, on the logging thread, until the
-  // end of the test; it may block there.
+  static int count(int level, const std::string& text);  // lines with this level and text
+  static bool has(int level, const std::string& text) { return count(level, text) > 0; }
+  static int count_text(const std::string& text);  // lines with this text at any level
+  // Called with each line as it is logged, on the logging thread; it may block.
   static void on_line(std::function<void(const LogLine&)> hook);
 };
 
@@ -59,16 +62,27 @@ class ScopedSys {
   Fn saved_;
 };
 
-// Records the commands given to system() and answers with `status`; nothing runs.
+// Replaces commonl::sys.<slot> until the end of the scope.
+#define SEAM(slot, ...)                                                             \
+  testsupport::ScopedSys<decltype(commonl::sys.slot)> seam_##slot(commonl::sys.slot, \
+                                                                  __VA_ARGS__)
+
+// For a seam that fails: sets errno and gives -1.
+int fail_with(int error);
+
+// Records the commands given to system() and answers with `status`; nothing
+// runs. Without a recorder, system() fails the test.
 class SystemRecorder {
  public:
   explicit SystemRecorder(int status = 0);
   ~SystemRecorder();
   void set_status(int status);
-  std::vector<std::string> commands() const;
+  Lines take();  // the commands since the last call
+  Lines commands() const;  // all of them
 };
 
-// Records the times given to settimeofday() and answers with `result`.
+// Records the seconds given to settimeofday() and answers with `result`.
+// Without a recorder, settimeofday() fails the test.
 class SettimeofdayRecorder {
  public:
   explicit SettimeofdayRecorder(int result = 0);
@@ -85,8 +99,7 @@ class ScratchFile {
   void write(const std::string& content) const;
 
  private:
-  std::string dir_;
-  std::string path_;
+  std::string dir_, path_;
 };
 
 // Points the library's fixed paths elsewhere; nullptr keeps a path as it is.
@@ -99,12 +112,46 @@ class ScopedPaths {
   commonl::Paths saved_;
 };
 
+// Closes its handle at the end of the scope.
+struct Owned {
+  HANDLE h;
+  explicit Owned(HANDLE handle) : h(handle) {}
+  ~Owned() { CloseHandle(h); }
+  Owned(const Owned&) = delete;
+  operator HANDLE() const { return h; }
+};
+
+// Runs `body` on a thread from _beginthreadex; `ended` is set when it leaves,
+// also when it is cancelled. The destructor waits for it.
+class OwnThread {
+ public:
+  explicit OwnThread(std::function<void()> body, unsigned int* id = nullptr);
+  ~OwnThread() { join(); }
+  bool join() const;  // true once it has ended, within 10 s
+  HANDLE h() const { return reinterpret_cast<HANDLE>(handle_); }
+
+ private:
+  static unsigned int _run(void* self);
+  std::function<void()> body_;
+  Owned ended_;
+  uintptr_t handle_;
+};
+
+// Runs body(0) ... body(n - 1) on threads of their own and joins them.
+void on_threads(int n, const std::function<void(int)>& body);
+
+// Selects the process's time zone, as TZ would.
+void zone(const char* tz);
+
+// The path of a sample file of the project's resources/.
+std::string resource(const char* name);
+
 // Waits until `done` holds, for at most `limit`; true if it held.
 bool eventually(const std::function<bool()>& done,
                 std::chrono::milliseconds limit = std::chrono::seconds(10));
 
 // True once kernel thread `tid` of this process sits blocked in system call
-// `syscall_nr` (read from /proc); false after `limit`.
+// `syscall_nr` (read from /proc), within `limit`.
 bool blocked_in_syscall(pid_t tid, long syscall_nr,
                         std::chrono::milliseconds limit = std::chrono::seconds(10));
 
