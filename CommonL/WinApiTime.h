@@ -3,6 +3,7 @@
 // exported and the header is not installed.
 #pragma once
 
+#include <stddef.h>
 #include <stdint.h>
 #include <string.h>
 #include <sys/time.h>
@@ -78,6 +79,15 @@ typedef struct _TIME_ZONE_INFORMATION {
   SYSTEMTIME DaylightDate;
   long DaylightBias;  // -60 while daylight saving is in force, else 0
 } TIME_ZONE_INFORMATION, *PTIME_ZONE_INFORMATION, *LPTIME_ZONE_INFORMATION;
+
+static_assert(offsetof(TIME_ZONE_INFORMATION, StandardName) == 8 &&
+                  offsetof(TIME_ZONE_INFORMATION, StandardDate) == 40 &&
+                  offsetof(TIME_ZONE_INFORMATION, StandardBias) == 56 &&
+                  offsetof(TIME_ZONE_INFORMATION, DaylightName) == 64 &&
+                  offsetof(TIME_ZONE_INFORMATION, DaylightDate) == 96 &&
+                  offsetof(TIME_ZONE_INFORMATION, DaylightBias) == 112 &&
+                  sizeof(TIME_ZONE_INFORMATION) == 120,
+              "the Win32 field order with 64-bit longs and no padding");
 
 // Fills Bias, StandardName (the zone's cst text) and DaylightBias; the rest
 // comes back zero, and so do Bias and StandardName for a zone whose offset

@@ -2,6 +2,7 @@
 // (SetWaitableTimer); the functions on these records are the library's own.
 #pragma once
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include "WinTypes.h"
@@ -42,3 +43,8 @@ typedef union _LARGE_INTEGER {
 static_assert(sizeof(SYSTEMTIME) == 16, "SYSTEMTIME is eight 16-bit fields");
 static_assert(sizeof(FILETIME) == 8, "FILETIME is eight bytes");
 static_assert(sizeof(LARGE_INTEGER) == 8, "LARGE_INTEGER is eight bytes");
+// The low half first, as Win32 lays them out on this little-endian platform.
+static_assert(offsetof(FILETIME, dwLowDateTime) == 0 && offsetof(FILETIME, dwHighDateTime) == 4,
+              "FILETIME halves");
+static_assert(offsetof(LARGE_INTEGER, u.LowPart) == 0 && offsetof(LARGE_INTEGER, u.HighPart) == 4,
+              "LARGE_INTEGER halves");

@@ -2,86 +2,37 @@
 // selecting a zone by key.
 #include <gtest/gtest.h>
 #include <limits.h>
-#include <stdlib.h>
+#include <sys/stat.h>
 
-#include <algorithm>
-#include <string>
-#include <tuple>
-#include <vector>
-
-#include "KORVALinuxTime.h"
 #include "support.h"
 
-using testsupport::Log;
-using Lines = std::vector<std::string>;
+using namespace testsupport;
 
-namespace {
-
-std::string name_of(int key) {
-  char* name = TZ__get_name(key);
-  std::string copy = name ? name : "(null)";
-  free(name);
-  return copy;
+static std::string name_of(int key) {
+  std::unique_ptr<char, void (*)(void*)> name(TZ__get_name(key), free);
+  return name ? name.get() : "(null)";
 }
 
-// The log so far as "level function: text", then cleared.
-Lines log_lines() {
-  Lines out;
-  for (const auto& l : Log::lines())
-    out.push_back((l.file == "../CommonL/KORVALinuxTime" ? "" : l.file + " ") +
-                  std::to_string(l.level) + " " + l.function + ": " + l.text);
-  Log::clear();
-  return out;
-}
-
-const std::string kSet = "/usr/bin/timedatectl set-timezone ";
-
-}  // namespace
-
-TEST(TimeZoneList, CountOrderRegionsSamplesAndKeysOutOfRange) {
+TEST(TimeZoneList, AscendingTzDatabaseNamesByKeyAndEmptyNamesOutOfRange) {
   ASSERT_EQ(TZ__get_num_timezones(), 348);
-  std::vector<std::string> names;
-  size_t longest = 0;
+  struct stat info;
   for (int key = 0; key < 348; key++) {
-    names.push_back(name_of(key));
-    longest = std::max(longest, names.back().size());
-    EXPECT_EQ(TZ__get_id(key), key);
-    EXPECT_EQ(TZ__get_dts(key), 0);
+    EXPECT_TRUE(TZ__get_id(key) == key && TZ__get_dts(key) == 0) << key;
+    EXPECT_EQ(stat(("/usr/share/zoneinfo/" + name_of(key)).c_str(), &info), 0) << name_of(key);
+    if (key > 0) EXPECT_LT(name_of(key - 1), name_of(key));
   }
-  EXPECT_EQ(longest, 30u);
-  for (int key = 1; key < 348; key++) EXPECT_LT(names[key - 1], names[key]) << key;
-  // Each region from its first key to the next region's.
-  const std::pair<int, std::string> regions[] = {
-      {0, "Africa/"},   {20, "America/"},   {150, "Antarctica/"},
-      {160, "Asia/"},   {237, "Atlantic/"}, {246, "Australia/"},
-      {257, "Europe/"}, {303, "Indian/"},   {311, "Pacific/"},
-      {347, "UTC"},     {348, ""}};
-  for (int r = 0; r < 10; r++)
-    for (int key = regions[r].first; key < regions[r + 1].first; key++)
-      EXPECT_EQ(names[key].rfind(regions[r].second, 0), 0u) << names[key];
-  // More names by key in the other cases.
-  EXPECT_EQ(names[108], "America/New_York");
-  EXPECT_EQ(names[195], "Asia/Kathmandu");
-
-  for (int key : {348, -1, INT_MIN, INT_MAX}) {
-    EXPECT_EQ(TZ__get_id(key), -1);
-    EXPECT_EQ(name_of(key), "");
-    EXPECT_EQ(TZ__get_dts(key), 0);
-  }
-  testsupport::ScopedSys<decltype(commonl::sys.strdup)> no_memory(
-      commonl::sys.strdup, [](const char*) -> char* { return nullptr; });
-  EXPECT_EQ(TZ__get_name(5), nullptr);
-  EXPECT_EQ(TZ__get_name(-1), nullptr);
-  EXPECT_EQ(log_lines(), Lines{});
+  for (int key : {348, -1, INT_MIN, INT_MAX})
+    EXPECT_TRUE(TZ__get_id(key) == -1 && name_of(key).empty() && TZ__get_dts(key) == 0) << key;
+  SEAM(strdup, [](const char*) -> char* { return nullptr; });
+  EXPECT_EQ(name_of(5) + name_of(-1), "(null)(null)");
+  EXPECT_EQ(Log::take(), Lines{});
 }
 
-TEST(SelectedZone, TheFirstLineMatchedByteForByteOrTheFileCannotBeOpened) {
-  const std::string fills(300, 'A'),
-      no_match = "3 TZ__get_selected_id: Could not find match for timezone ";
-  // The content of /etc/timezone, the key, and the name logged without a match.
-  const std::tuple<std::string, int, std::string> cases[] = {
+TEST(SelectedZone, TheFirstLineOfTheFileMatchedByteForByteThroughTheSeam) {
+  const std::string fills(300, 'A'), a255(255, 'A');
+  // The file, the key, and the name logged when nothing matches.
+  const std::tuple<std::string, int, std::string> rows[] = {
       {"Europe/Paris", 284, ""},
-      {"Europe/Paris\n", 284, ""},
       {"Europe/Paris\r\nAsia/Tokyo\n", 284, ""},
       {"UTC\n" + fills + fills, 347, ""},
       {"Etc/UTC\n", -1, "Etc/UTC"},
@@ -89,58 +40,52 @@ TEST(SelectedZone, TheFirstLineMatchedByteForByteOrTheFileCannotBeOpened) {
       {"europe/paris", -1, "europe/paris"},
       {"", -1, ""},
       {"\nEurope/Paris\n", -1, ""},
-      {fills.substr(0, 255) + "\n", -1, fills.substr(0, 255)},
-      {fills + "\n", -1, fills.substr(0, 256)}};  // cut at the buffer's end
-  for (const auto& [content, key, logged] : cases) {
-    testsupport::ScratchFile file(content, "timezone");
-    testsupport::ScopedPaths paths(nullptr, nullptr, file.path().c_str());
-    EXPECT_EQ(TZ__get_selected_id(), key) << content;
-    EXPECT_EQ(log_lines(), key >= 0 ? Lines{} : Lines{no_match + logged});
+      {a255 + "\n", -1, a255},
+      {fills + "\n", -1, a255 + "A"}};
+  static ScratchFile* file;
+  static std::string opened;
+  ScratchFile scratch("", "timezone");
+  file = &scratch;
+  {
+    SEAM(fopen, [](const char* path, const char* mode) {
+      return opened = path, fopen(file->path().c_str(), mode);
+    });
+    for (const auto& [text, key, logged] : rows) {
+      scratch.write(text);
+      EXPECT_EQ(TZ__get_selected_id(), key) << text;
+      EXPECT_EQ(Log::take(), key >= 0 ? Lines{}
+                                      : Lines{"3 TZ__get_selected_id: Could not find "
+                                              "match for timezone " +
+                                              logged});
+    }
   }
-
-  {  // The fixed path goes through the seam like every other file.
-    static std::string opened;
-    testsupport::ScratchFile file("UTC\n", "timezone");
-    static const testsupport::ScratchFile* scratch;
-    scratch = &file;
-    testsupport::ScopedSys<decltype(commonl::sys.fopen)> seam(
-        commonl::sys.fopen, [](const char* path, const char* mode) {
-          opened = path;
-          return fopen(scratch->path().c_str(), mode);
-        });
-    EXPECT_EQ(TZ__get_selected_id(), 347);
-    EXPECT_EQ(opened, "/etc/timezone");
-  }
-  testsupport::ScopedPaths paths(nullptr, nullptr, "/nonexistent/commonl/timezone");
+  EXPECT_EQ(opened, "/etc/timezone");
+  ScopedPaths paths(nullptr, nullptr, "/nonexistent/timezone");
   EXPECT_EQ(TZ__get_selected_id(), -1);
-  EXPECT_EQ(log_lines(),
-            Lines{"3 TZ__get_selected_id: Could not open /nonexistent/commonl/timezone"});
-  Log::set_level(2);
-  EXPECT_EQ(TZ__get_selected_id(), -1);
-  EXPECT_EQ(log_lines(), Lines{});
+  EXPECT_EQ(Log::take(), Lines{"3 TZ__get_selected_id: Could not open /nonexistent/timezone"});
 }
 
 TEST(SetLinuxTimeZone, TheKeyInDecimalSelectsItsNameWithoutSudoBadKeysRunNothing) {
-  testsupport::SystemRecorder recorder;
-  // Leading blanks and a sign are read, the rest ignored, and the number is
-  // narrowed to 32 bits (4294967580 = 2^32 + 284).
-  for (const char* key : {"347", "", "abc", "12abc", " +284", "4294967580"})
-    EXPECT_EQ(SetLinuxTimeZone(key), 1) << key;
-  Lines expected = {kSet + "UTC",           kSet + "Africa/Abidjan", kSet + "Africa/Abidjan",
-                    kSet + "Africa/Maputo", kSet + "Europe/Paris",   kSet + "Europe/Paris"};
-  EXPECT_EQ(recorder.commands(), expected);
-  EXPECT_EQ(log_lines(), Lines{});
-
-  for (const char* key : {"348", "-1", "4294967295"}) {
-    EXPECT_EQ(SetLinuxTimeZone(key), 0);
-    EXPECT_EQ(log_lines(), Lines{std::string("3 SetLinuxTimeZone: Bad TimeZoneKey: ") + key});
+  SystemRecorder recorder;
+  // Blanks and a sign are read, the rest ignored, the number narrowed to 32
+  // bits (4294967580 = 2^32 + 284); then {result, command or log}.
+  const std::tuple<const char*, int, std::string> rows[] = {
+      {"347", 1, "UTC"},
+      {"", 1, "Africa/Abidjan"},
+      {"12abc", 1, "Africa/Maputo"},
+      {" +284", 1, "Europe/Paris"},
+      {"4294967580", 1, "Europe/Paris"},
+      {"348", 0, "3 SetLinuxTimeZone: Bad TimeZoneKey: 348"},
+      {"-1", 0, "3 SetLinuxTimeZone: Bad TimeZoneKey: -1"}};
+  for (const auto& [key, result, said] : rows) {
+    EXPECT_EQ(SetLinuxTimeZone(key), result) << key;
+    EXPECT_EQ(result ? recorder.take() : Log::take(),
+              Lines{result ? "/usr/bin/timedatectl set-timezone " + said : said});
   }
-  EXPECT_EQ(SetLinuxTimeZone(nullptr), 0);
-  EXPECT_EQ(log_lines(), Lines{"2 SetLinuxTimeZone: KORVA Assert"});
-  EXPECT_EQ(recorder.commands(), expected);
   recorder.set_status(256);
-  EXPECT_EQ(SetLinuxTimeZone("284"), 0);
-  expected.push_back(kSet + "Europe/Paris");
-  EXPECT_EQ(recorder.commands(), expected);
-  EXPECT_EQ(log_lines(), Lines{"3 SetLinuxTimeZone: fail to run cmd: " + kSet + "Europe/Paris"});
+  EXPECT_EQ(SetLinuxTimeZone("0") + SetLinuxTimeZone(nullptr), 0);
+  EXPECT_EQ(Log::take(), (Lines{"3 SetLinuxTimeZone: fail to run cmd: /usr/bin/timedatectl "
+                                "set-timezone Africa/Abidjan",
+                                "2 SetLinuxTimeZone: KORVA Assert"}));
+  EXPECT_EQ(recorder.take().size(), 1u);
 }

@@ -169,7 +169,8 @@ SettimeofdayRecorder::SettimeofdayRecorder(int result) {
     EXPECT_TRUE(tv->tv_usec == 0 && tz == nullptr);
     std::lock_guard<std::mutex> lock(g_mutex);
     g_times.push_back(*tv);
-    return g_settimeofday_result.load();
+    // A refusal as for a process without the right to set the clock.
+    return g_settimeofday_result ? fail_with(EPERM) : 0;
   };
 }
 

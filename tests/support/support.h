@@ -64,8 +64,8 @@ class ScopedSys {
 
 // Replaces commonl::sys.<slot> until the end of the scope.
 #define SEAM(slot, ...)                                                             \
-  testsupport::ScopedSys<decltype(commonl::sys.slot)> seam_##slot(commonl::sys.slot, \
-                                                                  __VA_ARGS__)
+  testsupport::ScopedSys<decltype(commonl::sys.slot)> seam_##slot{commonl::sys.slot, \
+                                                                  __VA_ARGS__}
 
 // For a seam that fails: sets errno and gives -1.
 int fail_with(int error);
@@ -81,7 +81,8 @@ class SystemRecorder {
   Lines commands() const;  // all of them
 };
 
-// Records the seconds given to settimeofday() and answers with `result`.
+// Records the times given to settimeofday() and answers with `result` (a
+// failure with EPERM).
 // Without a recorder, settimeofday() fails the test.
 class SettimeofdayRecorder {
  public:
