@@ -269,8 +269,8 @@ int CKORVATime::GetDSTTime(int&, int&, int&, int&, int&, int&, int&, int&, int&)
 }
 
 int CKORVATime::IsInDSTScope(std::string) {
-  int startMonth = 0, startWeek = 0, startDay = 0, startHour = 0;
-  int endMonth = 0, endWeek = 0, endDay = 0, endHour = 0, bias = 0;
+  // GetDSTTime neither reads nor writes them.
+  int startMonth, startWeek, startDay, startHour, endMonth, endWeek, endDay, endHour, bias;
   if (GetDSTTime(startMonth, startWeek, startDay, startHour, endMonth, endWeek, endDay, endHour,
                  bias) == 0) {
     KLOG(7, "CKORVATime::GetDSTTime() failed.");

@@ -276,7 +276,6 @@ int VCloseEvent(HANDLE hEvent) {
   if (commonl::ref_drop_if_positive(h) == 0) {
     _dic_remove(h->name, h, _event_dic(h->global));
     sys.free(h->name);
-    h->name = nullptr;
     _discard_event(h);
   }
   return 1;
@@ -364,7 +363,6 @@ int VCloseMutex(HANDLE hMutex) {
   if (commonl::ref_drop_if_positive(h) == 0) {
     _dic_remove(h->name, h, mutexes_dic);
     sys.free(h->name);
-    h->name = nullptr;
     pthread_mutex_destroy(&h->tail.mutex);
     sys.free(h);
   }
@@ -534,7 +532,8 @@ static const int64_t _NS_PER_SECOND = 1000000000;
 // step by step and never hands the kernel an extreme timespec.
 static const int64_t _TIMER_SLEEP_STEP_NS = 86400 * _NS_PER_SECOND;
 
-// A signal cuts a step short: the step goes on with what nanosleep left.
+// Sleeps delay_ns (not at all when it is not above 0). A signal cuts a step
+// short: the step goes on with what nanosleep left.
 // Any other failure ends the whole sleep.
 static void _timer_sleep(int64_t delay_ns) {
   while (delay_ns > 0) {
@@ -579,7 +578,7 @@ BOOL SetWaitableTimer(HANDLE hTimer, _LARGE_INTEGER const* lpDueTime, long /*lPe
   int64_t delay_ns =
       _timer_delay_ns(lpDueTime->QuadPart, static_cast<int64_t>(commonl::filetime_count(&now)));
   std::thread([delay_ns, hTimer, pfnCompletionRoutine, lpArgToCompletionRoutine] {
-    if (delay_ns > 0) _timer_sleep(delay_ns);
+    _timer_sleep(delay_ns);
     SetEvent(hTimer);
     if (pfnCompletionRoutine != nullptr) pfnCompletionRoutine(lpArgToCompletionRoutine);
   }).detach();
