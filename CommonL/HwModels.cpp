@@ -46,7 +46,7 @@ static bool has_parsed = false;
 // files are refused before they can exhaust the caller's stack. The grammar
 // needs seven levels.
 static const int _MAX_NESTING = 64;
-static int nesting_depth = 0;
+static int nesting_depth;  // set to 0 by each parse
 
 // Makes concurrent first calls wait for the one that loads.
 static std::mutex load_mutex;

@@ -95,6 +95,16 @@ static int _cst_hours(const std::string& cst) {
   return sign == '+' ? -hours : hours;
 }
 
+// `t` broken down by localtime_r or gmtime_r; all zero when that fails (it
+// may have written part of the record), which reads as 1900-01-00 00:00:00
+// without daylight saving.
+static bool _break_down(struct tm* (*breakdown)(const time_t*, struct tm*), time_t t,
+                        struct tm& out) {
+  if (breakdown(&t, &out) != nullptr) return true;
+  memset(&out, 0, sizeof out);
+  return false;
+}
+
 static std::string _time_text(const struct tm& tm) {
   return str::Format("%04d-%02d-%02d %02d:%02d:%02d", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday,
                      tm.tm_hour, tm.tm_min, tm.tm_sec);
@@ -149,8 +159,7 @@ int CKORVATime::GetSandardTimeZone(std::string tz) {
 // --- setting date, time and zone ---
 
 int CKORVATime::SetManualDateTime(int year, int month, int day, int hour, int minute, int second) {
-  struct tm tm;
-  memset(&tm, 0, sizeof tm);
+  struct tm tm = {};
   tm.tm_year = _wrapping_minus(year, 1900);
   tm.tm_mon = _wrapping_minus(month, 1);
   tm.tm_mday = day;
@@ -289,21 +298,10 @@ void CKORVATime::GetDateTimeSettings() {
     TimeZoneId = 0;
     return;
   }
-  // Both records start cleared: after a failed conversion they read as
-  // 1900-01-00 00:00:00 and without daylight saving.
-  struct tm utc;
-  memset(&utc, 0, sizeof utc);
-  struct tm local;
-  memset(&local, 0, sizeof local);
+  struct tm local, utc;
   time_t now = sys.time(nullptr);
-  if (localtime_r(&now, &local) == nullptr) {
-    KLOG(3, "localtime_r fail");
-    memset(&local, 0, sizeof local);
-  }
-  if (gmtime_r(&now, &utc) == nullptr) {
-    KLOG(3, "gmtime_r fail");
-    memset(&utc, 0, sizeof utc);
-  }
+  if (!_break_down(localtime_r, now, local)) KLOG(3, "localtime_r fail");
+  if (!_break_down(gmtime_r, now, utc)) KLOG(3, "gmtime_r fail");
   if (local.tm_isdst != 0) {
     IsDST = true;
     DSTBias = -60;
@@ -317,9 +315,7 @@ void CKORVATime::GetDateTimeSettings() {
 
 std::string CKORVATime::GetCurrentTime() {
   struct tm local;
-  memset(&local, 0, sizeof local);
-  time_t now = sys.time(nullptr);
-  if (localtime_r(&now, &local) == nullptr) memset(&local, 0, sizeof local);
+  _break_down(localtime_r, sys.time(nullptr), local);
   return _time_text_long(local);
 }
 
@@ -357,11 +353,7 @@ std::string CKORVATime::localTimeToUtc(long seconds, int) {
   time_t t = static_cast<time_t>(static_cast<unsigned long>(seconds) -
                                  static_cast<unsigned long>(hours * 3600L + minutes * 60L));
   struct tm local;
-  memset(&local, 0, sizeof local);
-  if (localtime_r(&t, &local) == nullptr) {
-    KLOG(3, "localtime_r fail");
-    memset(&local, 0, sizeof local);
-  }
+  if (!_break_down(localtime_r, t, local)) KLOG(3, "localtime_r fail");
   return _time_text(local);
 }
 
@@ -375,23 +367,20 @@ std::string CKORVATime::UTCToLocalDstTime(const std::string& utcTime) {
     KLOG(3, "CKORVATime::UTCToLocalDstTime() not a time text: %s", utcTime.c_str());
     return std::string();
   }
-  struct tm tm;
-  memset(&tm, 0, sizeof tm);
+  struct tm tm = {};
   tm.tm_year = year - 1900;
   tm.tm_mon = month - 1;
   tm.tm_mday = day;
   tm.tm_hour = hour;
   tm.tm_min = minute;
-  tm.tm_sec = second;
-  tm.tm_isdst = 0;
+  tm.tm_sec = second;  // tm_isdst 0: the text counts as standard time
   time_t t = mktime(&tm);
   int hours = _cst_hours(GetTimeZone());
   KLOG(7, "CKORVATime::1currentTime=%d>>>>>>>>>>>>>\n", static_cast<int>(t));
   t += hours * 3600L;
   KLOG(7, "CKORVATime::2currentTime=%d>>>>>>>>>>>>>\n", static_cast<int>(t));
   struct tm local;
-  memset(&local, 0, sizeof local);
-  if (localtime_r(&t, &local) == nullptr) memset(&local, 0, sizeof local);
+  _break_down(localtime_r, t, local);
   std::string text = _time_text_long(local);
   KLOG(7, "CKORVATime::UTCToLocalDstTime=%s>>>>>>>>>>>>>\n", text.c_str());
   return text;

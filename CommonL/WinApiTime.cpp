@@ -155,8 +155,7 @@ void MillisecondsToFileTime(unsigned long milliseconds, _FILETIME* lpFileTime) {
 // A count below UNIX_EPOCH_FILETIME gives a date in the years 60056 to
 // 60425, as FileTimeToEpoch tells; the milliseconds are those of the count.
 BOOL FileTimeToSystemTime(_FILETIME* lpFileTime, _SYSTEMTIME* lpSystemTime) {
-  struct tm tm;
-  memset(&tm, 0, sizeof tm);
+  struct tm tm = {};
   int milliseconds;
   time_t seconds = static_cast<time_t>(FileTimeToEpoch(*lpFileTime, milliseconds));
   gmtime_r(&seconds, &tm);
@@ -193,8 +192,7 @@ BOOL SystemTimeToFileTime(_SYSTEMTIME const* lpSystemTime, _FILETIME* lpFileTime
     filetime_store(lpFileTime, _early_system_time_to_count(lpSystemTime));
     return 1;
   }
-  struct tm tm;
-  memset(&tm, 0, sizeof tm);
+  struct tm tm = {};
   tm.tm_sec = lpSystemTime->wSecond;
   tm.tm_min = lpSystemTime->wMinute;
   tm.tm_hour = lpSystemTime->wHour;
@@ -212,16 +210,14 @@ BOOL SystemTimeToFileTime(_SYSTEMTIME const* lpSystemTime, _FILETIME* lpFileTime
 }
 
 long UtcEpochToLocalEpoch(long utcEpoch) {
-  struct tm tm;
-  memset(&tm, 0, sizeof tm);
+  struct tm tm = {};
   time_t t = utcEpoch;
   localtime_r(&t, &tm);
   return timegm(&tm);
 }
 
 long LocalEpochToUtcEpoch(long localEpoch) {
-  struct tm tm;
-  memset(&tm, 0, sizeof tm);
+  struct tm tm = {};
   time_t t = localEpoch;
   gmtime_r(&t, &tm);
   tm.tm_isdst = -1;
@@ -230,8 +226,7 @@ long LocalEpochToUtcEpoch(long localEpoch) {
 
 // The zone's offset at the Unix epoch, in FILETIME intervals.
 static uint64_t _epoch_offset() {
-  struct tm tm;
-  memset(&tm, 0, sizeof tm);
+  struct tm tm = {};
   time_t zero = 0;
   localtime_r(&zero, &tm);
   return static_cast<uint64_t>(tm.tm_gmtoff) * _INTERVALS_PER_SECOND;
@@ -260,8 +255,7 @@ BOOL FileTimeToLocalFileTime(_FILETIME const* lpFileTime, _FILETIME* lpLocalFile
   }
   int milliseconds;
   time_t seconds = static_cast<time_t>(FileTimeToEpoch(*lpFileTime, milliseconds));
-  struct tm tm;
-  memset(&tm, 0, sizeof tm);
+  struct tm tm = {};
   localtime_r(&seconds, &tm);
   filetime_store(lpLocalFileTime, _count_from_seconds(count, timegm(&tm)));
   return 1;
@@ -277,8 +271,7 @@ BOOL LocalFileTimeToFileTime(_FILETIME const* lpLocalFileTime, _FILETIME* lpFile
   }
   int milliseconds;
   time_t seconds = static_cast<time_t>(FileTimeToEpoch(*lpLocalFileTime, milliseconds));
-  struct tm tm;
-  memset(&tm, 0, sizeof tm);
+  struct tm tm = {};
   gmtime_r(&seconds, &tm);
   tm.tm_isdst = -1;
   filetime_store(lpFileTime, _count_from_seconds(count, mktime(&tm)));

@@ -142,6 +142,12 @@ std::string nested(int levels, bool closed = true) {
   for (int i = 1; i < levels; i++) json += R"({"x":)";
   return json + "{}" + (closed ? std::string(levels - 1, '}') : "");
 }
+// Arrays and objects, each closed before the next, more than the levels allowed.
+std::string many_closed_levels() {
+  std::string json = "{";
+  for (int i = 0; i < 70; i++) json += R"("NICs":[],"x":{},)";
+  return json + R"("y":0})";
+}
 const std::string kUnexpected = "3 String: Unexpected field: ",
                   kTooDeep = "Too deep nesting in hw-models file, more than 64 levels";
 
@@ -151,6 +157,7 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"EmptyRoot", "{}"}, Case{"EmptyBrands", R"({"Brands":[]})"},
         Case{"RootString", R"("bare")"}, Case{"ScalarsAtTop", R"({"x":"s","n":1,"t":true})"},
         Case{"NulBehindRoot", std::string("{}\0[", 4)}, Case{"DeepestAllowed", nested(64)},
+        Case{"ManyClosedLevels", many_closed_levels()},
         Case{"StringInLastModel",
              R"({"Brands":[{"Models":[{"Model":"A"}]},{"Models":[{"Model":"B","x":"y"}]}]})",
              {kUnexpected + "y, last_key: x, tree_state = 4", kRefused + "16"}},
