@@ -89,8 +89,8 @@ static int _system_zone_id(long& offset) {
 
 // Whole hours east of UTC of a `cst` text; 0 for a text that doesn't read.
 static int _cst_hours(const std::string& cst) {
-  char sign = 0;
-  int hours = 0;
+  char sign;
+  int hours;
   if (sscanf(cst.c_str(), "CST%c%02d:", &sign, &hours) != 2) return 0;
   return sign == '+' ? -hours : hours;
 }
