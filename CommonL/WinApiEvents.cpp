@@ -233,8 +233,12 @@ BOOL SetEvent(HANDLE hEvent) {
     return TRUE;
   }
   if (h->overlapped) KLOG(2, "Can not SetEvent when event is used in overlapped operations");
+  commonl::tsan_release(h);
   uint64_t one = 1;
-  return sys.write(h->poll_entry.fd, &one, sizeof one) == static_cast<ssize_t>(sizeof one);
+  commonl::tsan_unseen_begin();
+  ssize_t written = sys.write(h->poll_entry.fd, &one, sizeof one);
+  commonl::tsan_unseen_end();
+  return written == static_cast<ssize_t>(sizeof one);
 }
 
 BOOL ResetEvent(HANDLE hEvent) {
@@ -249,8 +253,11 @@ BOOL ResetEvent(HANDLE hEvent) {
   ssize_t got = sys.read(h->poll_entry.fd, &counter, sizeof counter);
   int error = errno;
   // EAGAIN: the counter was 0 already, the event was not signalled.
-  if (got == static_cast<ssize_t>(sizeof counter) || got == 0 || (got < 0 && error == EAGAIN))
+  if (got == static_cast<ssize_t>(sizeof counter)) {
+    commonl::tsan_acquire(h);  // a signal was read
     return TRUE;
+  }
+  if (got == 0 || (got < 0 && error == EAGAIN)) return TRUE;
   KLOG(4, "ResetEvent: read error: %s", strerror(error));
   return FALSE;
 }
@@ -407,10 +414,14 @@ static DWORD _take_signalled(DWORD nCount, HANDLE const* lpHandles, const struct
   for (DWORD i = 0; i < nCount; i++) {
     if ((fds[i].revents & _POLL_REPORTING_MASK) == 0) continue;
     auto* h = static_cast<v_handle_t*>(lpHandles[i]);
-    if (h->type == V_HANDLE_SOCKET_EVENT)
+    if (h->type == V_HANDLE_SOCKET_EVENT) {
       h->tail.last_revents = static_cast<uint16_t>(fds[i].revents);
-    else if (h->manual_reset == 0)
-      ResetEvent(h);
+      return i;
+    }
+    // What was done before the SetEvent that this wait saw happened before
+    // its return, also for a manual-reset event that is not read.
+    commonl::tsan_acquire(h);
+    if (h->manual_reset == 0) ResetEvent(h);
     return i;
   }
   KLOG_AS(_WAIT_OP, 3, "WaitForMultipleObjects: Could not find reported eventent");

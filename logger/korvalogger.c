@@ -22,12 +22,12 @@ static int _level_from_env(void) {
 int LoggerGetLevel(void) {
   /* Read once: the level is fixed for the life of the process, and callers
    * ask for it on every gated message. Racing first calls compute the same
-   * value, so a plain store is enough. */
-  static volatile int cached = -1;
-  int level = cached;
+   * value; the atomic store and load keep that race defined. */
+  static int cached = -1;
+  int level = __atomic_load_n(&cached, __ATOMIC_RELAXED);
   if (level < 0) {
     level = _level_from_env();
-    cached = level;
+    __atomic_store_n(&cached, level, __ATOMIC_RELAXED);
   }
   return level;
 }

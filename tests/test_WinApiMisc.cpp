@@ -381,7 +381,7 @@ TEST(Interlocked, ResultsAndValuesBeyond32BitsAlsoFromSeveralThreads) {
       InterlockedIncrement(&counter);
       InterlockedIncrement(&counter);
       InterlockedDecrement(&counter);
-      for (long seen = cas_counter, found;
+      for (long seen = __atomic_load_n(&cas_counter, __ATOMIC_RELAXED), found;
            (found = InterlockedCompareExchange(&cas_counter, seen + 1, seen)) != seen;)
         seen = found;
       taken[t].push_back(InterlockedExchange(&slot, long(t) * kRounds + i));
