@@ -41,6 +41,8 @@ static const CHwNic currentNicEmpty;
 static std::string last_key;  // the key read last, at whatever depth
 static int32_t tree_state = TREE_TOP;
 static bool has_parsed = false;
+// What GetHwBrands hands out: &allBrands after a complete parse, else null.
+static CHwBrands* BrandsToCallers = nullptr;
 
 // The reader recurses once per level and has no bound of its own; deeper
 // files are refused before they can exhaust the caller's stack. The grammar
@@ -240,7 +242,6 @@ static void _forget_partial_load() {
 }
 
 CHwBrands* GetHwBrands(char const* path) {
-  static CHwBrands* BrandsToCallers = nullptr;
   std::lock_guard<std::mutex> lock(load_mutex);
   if (has_parsed) return BrandsToCallers;
   // Without a path there is nothing to load; a later call with one still can.
@@ -259,6 +260,18 @@ CHwBrands* GetHwBrands(char const* path) {
   has_parsed = true;
   return BrandsToCallers;
 }
+
+namespace commonl {
+
+void catalogue_reset() {
+  std::lock_guard<std::mutex> lock(load_mutex);
+  _forget_partial_load();
+  allBrands = CHwBrands();
+  has_parsed = false;
+  BrandsToCallers = nullptr;
+}
+
+}  // namespace commonl
 
 CHwModel GetModelInfo(char const* model, char const* path) {
   const CHwBrands* brands = GetHwBrands(path);

@@ -156,6 +156,11 @@ struct FileMessages {
 char* read_whole_file(const char* path, const FileMessages& messages, const char* unit,
                       const char* function, int32_t* size);
 
+// Brings the catalogue back to its state at load, so that the next call
+// reads a file again. Not for the library's users (the catalogue loads once
+// per process): the fuzzer starts each input from a fresh catalogue with it.
+void catalogue_reset();
+
 }  // namespace commonl
 
 // Logs at `level` as coming from `unit` and `function`, under the rule of
