@@ -1,21 +1,13 @@
-// Whether a test runs under a checker that changes what it can show. The few
-// tests that skip themselves there say why.
+// Whether a test runs under a checker that changes what it can show; the
+// few tests that skip themselves there say why.
 #pragma once
 
 #include <dlfcn.h>
-#include <stdlib.h>
-#include <string.h>
 
 namespace testsupport {
 
 // The ThreadSanitizer runtime is in the process.
 inline bool under_thread_sanitizer() { return dlsym(RTLD_DEFAULT, "__tsan_init") != nullptr; }
-
-// Valgrind preloads its own objects into the program it runs.
-inline bool under_valgrind() {
-  const char* preload = getenv("LD_PRELOAD");
-  return preload != nullptr && strstr(preload, "vgpreload") != nullptr;
-}
 
 // ThreadSanitizer's runtime has no unwind tables: a thread cancelled inside
 // one of its blocking interceptors (ppoll) unwinds past the interceptor's
