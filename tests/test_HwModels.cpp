@@ -222,3 +222,14 @@ TEST(HwCatalogueLoad, ConcurrentFirstCallsShareOneLoad) {
   EXPECT_TRUE(seen[0] != nullptr && seen == std::vector<const CHwBrands*>(8, seen[0]));
   EXPECT_EQ(dump(seen[0]), (Lines{"[Acme]", kNv4000, "NV-1000|0|||0|"}));
 }
+
+// The fuzzer's way to start each input from a fresh catalogue.
+TEST(HwCatalogueLoad, AResetBringsBackTheStateAtLoadFailedLoadsIncluded) {
+  ScratchFile example(kExample), other(R"({"Brands":[{"Models":[{"Model":"Other"}]}]})");
+  EXPECT_EQ(GetHwBrands("/nonexistent"), nullptr);
+  commonl::catalogue_reset();
+  EXPECT_TRUE(isPoESupported("NV-4000", example.path().c_str()));
+  commonl::catalogue_reset();
+  EXPECT_EQ(dump(GetHwBrands(other.path().c_str())), (Lines{"[]", "Other|0|||0|"}));
+  EXPECT_EQ(Log::take(), Lines{"3 parse: Missing hw-models file /nonexistent"});
+}
