@@ -39,17 +39,19 @@ typedef struct v_handle {
   int32_t manual_reset;        // events: 0 is auto-reset
   int32_t overlapped;          // events: set by outside code only
   int32_t ref_count;           // open references; changed atomically only
+  // Outside code names the members of the anonymous structs directly
+  // (tail.second_fd, tail.tid); __extension__ keeps pedantic builds quiet.
   union {
     int32_t fd;                // V_HANDLE_FD: the owned descriptor
     int32_t pid;               // V_HANDLE_PROCESS
-    struct {                   // V_HANDLE_SOCKET_EVENT
+    __extension__ struct {     // V_HANDLE_SOCKET_EVENT
       int32_t creator_word;
       int32_t second_fd;       // a second owned descriptor
       void* creator_data[3];
       uint16_t last_revents;   // what the last wait's ppoll reported
     };
     sem_t sem;                 // V_HANDLE_SEMAPHORE
-    struct {                   // V_HANDLE_THREAD
+    __extension__ struct {     // V_HANDLE_THREAD
       int32_t tid;             // kernel thread id
       pthread_t thread;
     };

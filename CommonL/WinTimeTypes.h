@@ -27,9 +27,10 @@ typedef struct _FILETIME {
   DWORD dwHighDateTime;
 } FILETIME, *PFILETIME, *LPFILETIME;
 
-// One signed 64-bit value.
+// One signed 64-bit value. The anonymous struct keeps the Win32 spelling
+// li.LowPart; __extension__ tells a pedantic compiler that this is meant.
 typedef union _LARGE_INTEGER {
-  struct {
+  __extension__ struct {
     DWORD LowPart;
     int32_t HighPart;
   };
