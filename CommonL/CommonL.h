@@ -1,5 +1,7 @@
-// Everything CommonL exports.
+// Everything CommonL exports, and the version compiled against.
 #pragma once
+
+#include <CommonL/Version.h>
 
 #include "Handles.h"
 #include "HwModels.h"

@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "CommonL.h"
+#include <CommonL/CommonL.h>
 #include "bench_support.h"
 
 namespace {

@@ -10,7 +10,7 @@
 #include <mutex>
 #include <thread>
 
-#include "CommonL.h"
+#include <CommonL/CommonL.h>
 #include "bench_support.h"
 
 namespace {

@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "CommonL.h"
+#include <CommonL/CommonL.h>
 
 static const auto start = std::chrono::steady_clock::now();
 

@@ -12,7 +12,7 @@
 #include <rapidjson/error/en.h>
 #include <rapidjson/reader.h>
 
-#include "CommonL.h"
+#include <CommonL/CommonL.h>
 #include "check.h"
 
 namespace tool {

@@ -10,7 +10,7 @@
 
 #include <set>
 
-#include "CommonL.h"
+#include <CommonL/CommonL.h>
 #include "check.h"
 
 // The declarations only: the code is the library's.

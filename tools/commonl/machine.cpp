@@ -9,7 +9,7 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "CommonL.h"
+#include <CommonL/CommonL.h>
 #include "commonl.h"
 
 namespace tool {

@@ -3,6 +3,7 @@
 #include <stdio.h>
 
 #include <CLI/CLI.hpp>
+#include <CommonL/Version.h>
 
 #include "commonl.h"
 
