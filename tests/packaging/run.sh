@@ -121,6 +121,9 @@ expect_in "$(field libcommonl1 Depends)" "libkorvalogger-qmt" "libc6" "libstdc++
 expect_in "$(field libcommonl-dev Depends)" "libcommonl1 (= 1.0.0)"
 expect_in "$(field libkorvalogger-qmt-standin Provides)" "libkorvalogger-qmt"
 expect_in "$(field libkorvalogger-qmt-standin Conflicts)" "libkorvalogger-qmt"
+# apt resolves their dependencies on one another and on the system.
+apt-get install --simulate "${debs[@]}" >/dev/null 2>&1 ||
+  fail "apt can not install the packages: $(apt-get install --simulate "${debs[@]}" 2>&1)"
 root=$scratch/root
 for deb in "${debs[@]}"; do
   dpkg-deb -x "$deb" "$root"
