@@ -138,6 +138,7 @@ if readelf -d "$root_libdir/libCommonL.so.1" | grep -qE 'RPATH|RUNPATH'; then
   fail "the packaged libCommonL.so.1 carries a run path"
 fi
 grep -qx "prefix=/usr" "$root_libdir/pkgconfig/commonl.pc" || fail "commonl.pc is not for /usr"
+"$source_dir/tests/check_exports.sh" "$root_libdir/libCommonL.so.1" "$source_dir/CommonL/CommonL.exports"
 
 # The unpacked root stands in for /usr, where the loader looks of itself. A
 # DT_RPATH (unlike a DT_RUNPATH) also serves libCommonL.so's own needs.
