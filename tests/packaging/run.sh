@@ -3,12 +3,13 @@
 # meet it, each with nothing on the search paths but what they were given.
 #   1. Configure with the search pointed at an empty root stops, with one line
 #      per missing dependency that names its Debian package.
-#   2. `cmake --install` into a scratch prefix; the consumer is built there
-#      with find_package(CommonL) and with pkg-config, and runs.
+#   2. `cmake --install` into a scratch prefix; the installed commonl tool
+#      runs, and the consumer is built there with find_package(CommonL) and
+#      with pkg-config, and runs.
 #   3. COMMONL_LOGGER=system: a recorder's CommonL linked against a logger
 #      installed in a prefix of its own; the consumer runs with both.
 #   4. The Debian packages: their fields and files, then the consumer built
-#      against them unpacked into a scratch root, and run.
+#      against them unpacked into a scratch root, and run; the tool too.
 # Usage: tests/packaging/run.sh BUILD_DIR PACKAGE_DIR
 #   BUILD_DIR    a configured and built tree (COMMONL_LOGGER=standin)
 #   PACKAGE_DIR  the .deb files of `./dev package`
@@ -66,7 +67,7 @@ step "configure stops on each missing dependency and names its Debian package"
 empty=$scratch/empty-root
 mkdir -p "$empty"
 if out=$(cmake -S "$source_dir" -B "$scratch/build-missing" -G Ninja \
-  -DCOMMONL_BUILD_TESTS=ON -DCOMMONL_BUILD_BENCHMARKS=ON \
+  -DCOMMONL_BUILD_TESTS=ON -DCOMMONL_BUILD_BENCHMARKS=ON -DCOMMONL_BUILD_TOOLS=ON \
   -DCMAKE_FIND_ROOT_PATH="$empty" -DCMAKE_FIND_ROOT_PATH_MODE_PACKAGE=ONLY \
   -DCMAKE_FIND_ROOT_PATH_MODE_INCLUDE=ONLY -DCMAKE_FIND_ROOT_PATH_MODE_LIBRARY=ONLY 2>&1); then
   fail "configure went on without its dependencies"
@@ -75,7 +76,8 @@ expect_in "$out" \
   "CommonL needs rapidjson: install the Debian package rapidjson-dev" \
   "CommonL needs jsmn: install the Debian package libjsmn-dev" \
   "CommonL needs GoogleTest: install the Debian package libgtest-dev" \
-  "CommonL needs Google Benchmark: install the Debian package libbenchmark-dev"
+  "CommonL needs Google Benchmark: install the Debian package libbenchmark-dev" \
+  "CommonL needs CLI11: install the Debian package libcli11-dev"
 grep -F "CommonL needs" <<<"$out"
 
 step "cmake --install into a scratch prefix"
@@ -85,6 +87,11 @@ cmake --install "$build_dir" --prefix "$prefix" >/dev/null
   fail "headers are not under include/CommonL/"
 [ -f "$prefix/include/korvalogger.h" ] || fail "the stand-in's header is not under include/"
 libdir=$(dirname "$(find "$prefix" -name libCommonL.so.1)")
+
+step "the installed commonl tool"
+expect_in "$("$prefix/bin/commonl" --version)" "commonl 1.0.0"
+# Its run path, $ORIGIN/../lib, as the loader spells it out.
+expect_in "$(ldd "$prefix/bin/commonl")" "libCommonL.so.1 => $prefix/bin/../lib/libCommonL.so.1"
 
 step "consumer with find_package(CommonL)"
 cmake_consumer "$scratch/consumer-cmake" "$prefix"
@@ -103,7 +110,8 @@ recorder=$scratch/recorder
 cmake --install "$build_dir" --prefix "$logger_prefix" --component logger >/dev/null
 cmake -S "$source_dir" -B "$scratch/build-system" -G Ninja -DCOMMONL_LOGGER=system \
   -DCMAKE_PREFIX_PATH="$logger_prefix" -DCMAKE_INSTALL_PREFIX="$recorder" \
-  -DCOMMONL_BUILD_TESTS=OFF -DCOMMONL_BUILD_BENCHMARKS=OFF -DCOMMONL_BUILD_EXAMPLES=OFF >/dev/null
+  -DCOMMONL_BUILD_TESTS=OFF -DCOMMONL_BUILD_BENCHMARKS=OFF -DCOMMONL_BUILD_EXAMPLES=OFF \
+  -DCOMMONL_BUILD_TOOLS=OFF -DCOMMONL_BUILD_SOAK=OFF >/dev/null
 cmake --build "$scratch/build-system" >/dev/null
 cmake --install "$scratch/build-system" >/dev/null
 [ -z "$(find "$recorder" -name 'libkorvalogger-qmt*' -o -name korvalogger.h)" ] ||
@@ -116,9 +124,11 @@ run_from "$scratch/consumer-system/consumer" "$recorder_libdir" "$logger_libdir"
 step "the Debian packages"
 debs=("$package_dir"/*.deb)
 field() { dpkg-deb -f "$package_dir/$1"_*.deb "$2"; }
-expect_in "$(printf '%s\n' "${debs[@]##*/}")" libcommonl1_ libcommonl-dev_ libkorvalogger-qmt-standin_
+expect_in "$(printf '%s\n' "${debs[@]##*/}")" libcommonl1_ libcommonl-dev_ libkorvalogger-qmt-standin_ \
+  commonl-tools_
 expect_in "$(field libcommonl1 Depends)" "libkorvalogger-qmt" "libc6" "libstdc++6"
 expect_in "$(field libcommonl-dev Depends)" "libcommonl1 (= 1.0.0)"
+expect_in "$(field commonl-tools Depends)" "libcommonl1 (= 1.0.0)"
 expect_in "$(field libkorvalogger-qmt-standin Provides)" "libkorvalogger-qmt"
 expect_in "$(field libkorvalogger-qmt-standin Conflicts)" "libkorvalogger-qmt"
 # apt resolves their dependencies on one another and on the system.
@@ -139,6 +149,12 @@ if readelf -d "$root_libdir/libCommonL.so.1" | grep -qE 'RPATH|RUNPATH'; then
 fi
 grep -qx "prefix=/usr" "$root_libdir/pkgconfig/commonl.pc" || fail "commonl.pc is not for /usr"
 "$source_dir/tests/check_exports.sh" "$root_libdir/libCommonL.so.1" "$source_dir/CommonL/CommonL.exports"
+# The packaged tool, with the loader told where the unpacked /usr/lib is.
+if readelf -d "$root/usr/bin/commonl" | grep -qE 'RPATH|RUNPATH'; then
+  fail "the packaged commonl carries a run path"
+fi
+loader=$(readelf -l "$root/usr/bin/commonl" | sed -n 's/.*Requesting program interpreter: \(.*\)]/\1/p')
+expect_in "$("$loader" --library-path "$root_libdir" "$root/usr/bin/commonl" --version)" "commonl 1.0.0"
 
 # The unpacked root stands in for /usr, where the loader looks of itself. A
 # DT_RPATH (unlike a DT_RUNPATH) also serves libCommonL.so's own needs.
