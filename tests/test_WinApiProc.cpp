@@ -65,7 +65,7 @@ TEST(Semaphore, CountsBadHandlesReportedArgumentsAndProducersAndConsumersInBalan
   Owned s(CreateSemaphore(nullptr, 2, 1, nullptr));  // the maximum is not compared
   // A bad handle: last error 6, no report.
   EXPECT_TRUE((SetLastError(0), !ReleaseSemaphore(nullptr, 1, nullptr)) && GetLastError() == 6);
-  EXPECT_TRUE((SetLastError(0), WaitForSemaphore(nullptr, 0)) == WAIT_FAILED &&
+  EXPECT_TRUE((SetLastError(0), WaitForSemaphore(nullptr, 0) == WAIT_FAILED) &&
               GetLastError() == 6);
   long previous = 77;
   EXPECT_TRUE(drain(s) == 2 && ReleaseSemaphore(s, 3, &previous) &&
@@ -80,11 +80,9 @@ TEST(Semaphore, CountsBadHandlesReportedArgumentsAndProducersAndConsumersInBalan
                                 count, "3 CreateSemaphore: Fail to create native semaphore",
                                 "2 CreateSemaphore: Named Semaphore not supported"}));
   std::atomic<int> taken{0};
-  on_threads(4, [&](int t) {  // two consumers, two producers
-    for (int i = 0; i < 5000; i++) {
-      if (t < 2) taken += WaitForSingleObject(s, 10000) == WAIT_OBJECT_0;
-      if (t >= 2 && i % 2 == 0) ReleaseSemaphore(s, 2, nullptr);
-    }
+  on_threads(4, [&](int t) {  // two consumers, and two producers of 2 every other round
+    for (int i = 0; i < 5000; i++)
+      t < 2 ? taken += !WaitForSingleObject(s, 10000) : i % 2 || ReleaseSemaphore(s, 2, nullptr);
   });
   EXPECT_EQ(std::make_pair(taken.load(), drain(s)), std::make_pair(10000, 0));
 }
@@ -164,17 +162,25 @@ TEST(ThreadControl, PrioritiesMapToPoliciesAndBackTerminateCancelsAtAReadBadHand
   EXPECT_EQ(Log::take(), (Lines{set + "bad handle", "3 TerminateThread: bad handle",
                                 get + "bad hanlde", get + "bad hanlde"}));
   bool realtime = false;  // whether this process may use the real-time policies
-  OwnThread([&] {
-    realtime = set_and_read(1, SCHED_RR) == 1;
-    EXPECT_EQ(set_and_read(0, SCHED_BATCH), -1);  // no mapping
-    EXPECT_EQ(realtime ? set_and_read(42, SCHED_RR) * 10 + set_and_read(42, SCHED_FIFO) : 427, 427);
+  std::atomic<HANDLE> ended{nullptr};
+  std::thread worker([&] {
+    PopulateThreadHandle(), realtime = set_and_read(1, SCHED_RR) == 1;
+    EXPECT_EQ(set_and_read(0, SCHED_BATCH), -1);   // no mapping
     for (int p : {0, -1, 8, 4, 5, 6, 7, 3, 2, 1})  // 1 to 4 read 3, 5 to 7 as set
       EXPECT_EQ(set_and_read(p), p < 1 || p > 7 ? 0 : p < 5 ? 3 : realtime ? p : 0) << p;
-  }).join();
+    ended = GetCurrentThread();
+  });
+  // Until the join the ended thread's record stays, but the system knows the thread no more.
+  EXPECT_TRUE(eventually([&] { return ended && GetThreadPriority(ended) == -1; }));
+  EXPECT_EQ(SetThreadPriority(ended, 5), FALSE);
+  worker.join();
+  const std::string failed = "fail to set thread prio, errno: ";
+  // clang-format off
   Lines want{get + "unknown prio mapping for police = 3, sched_priority = 0", no + "0", no + "-1",
-             no + "8"};
-  want.insert(want.end(), realtime ? 0 : 3,
-              set + "fail to set thread prio, errno: Operation not permitted");
+             no + "8", get + "fail to get thread prio, errno: No such process",
+             set + failed + "No such process"};
+  // clang-format on
+  want.insert(want.begin() + 4, realtime ? 0 : 3, set + failed + "Operation not permitted");
   EXPECT_EQ(Log::take(3), want);
   static std::atomic<int> closes{0};
   SEAM(pclose, [](FILE* f) { return closes++, pclose(f); });
@@ -189,7 +195,19 @@ TEST(ThreadControl, PrioritiesMapToPoliciesAndBackTerminateCancelsAtAReadBadHand
   EXPECT_TRUE(reader.join() && closes == 1);
 }
 
-TEST(RunProcess, SizeProtocolEndMarkerTooSmallABufferAndFailures) {
+TEST(RunProcess, GetUserNameAndRunProcessSizeProtocolEndMarkerTooSmallABufferAndFailures) {
+  const std::string name = getpwuid(getuid())->pw_name, untouched(name.size() + 8, '#');
+  std::string buf = untouched;
+  unsigned int n = name.size(), len = n;  // too small: fails, the size needed untold
+  EXPECT_TRUE(!GetUserName(&buf[0], &len) && len == n && buf == untouched);
+  len = n + 8;
+  EXPECT_TRUE(GetUserName(&buf[0], &len) && len == n + 1 &&
+              buf == name + '\0' + untouched.substr(n + 1));
+  EXPECT_FALSE(GetUserName(nullptr, &len) || GetUserName(&buf[0], nullptr));
+  EXPECT_EQ(Log::take(), Lines(2, "2 GetUserName: GetUserName: lpBuffer or pcbBuffer == NULL"));
+  // No such user.
+  SEAM(getpwuid, [](uid_t) -> passwd* { return nullptr; });
+  EXPECT_EQ(GetUserName(&buf[0], &len), 0);
   const char *five = "printf abcde", *hundred = "printf '%0100d' 0", *end = "printf 'abc END def'";
   // {command, capacity, outcome}; a text that fits exactly counts as too small
   // clang-format off
@@ -198,35 +216,20 @@ TEST(RunProcess, SizeProtocolEndMarkerTooSmallABufferAndFailures) {
       {five, 1, "0 10"}, {hundred, 10, "0 110"}, {"true", 2, "1 1 "}, {five, 0, "0 0"},
       {five, -5, "0 -5"}, {nullptr, 4, "0 4"}};
   // clang-format on
-  for (const auto& [command, capacity, outcome] : rows)
-    EXPECT_EQ(run(command, capacity), outcome) << outcome;
+  for (const auto& [command, capacity, outcome] : rows)  // one row reports in full
+    EXPECT_EQ((Log::set_level(capacity == 6 ? 7 : 3), run(command, capacity)), outcome) << outcome;
   EXPECT_EQ(run(end, 100, "END") + run(end, 100, "STOP"), "1 8 abc END\0def1 12 abc END def"s);
-  const std::string invalid = "3 RunProcess: Invalid output size address or output_buf_size",
-                    update = "2 UpdateOutputBufSize: UpdateOutputBufSize: stream, buffer or size";
-  EXPECT_EQ(Log::take(3),
-            (Lines{invalid, invalid, "2 RunProcess: RunProcess: command or output_buf == NULL"}));
-  EXPECT_EQ(run(five, 6), "0 15");
-  char buffer[4];
   int size = 4;
-  EXPECT_EQ(RunProcess("x", buffer, nullptr, nullptr), 0);
-  UpdateOutputBufSize(nullptr, buffer, &size, 0), UpdateOutputBufSize(stdin, buffer, nullptr, 0);
+  EXPECT_EQ(RunProcess("x", &buf[0], nullptr, nullptr), 0);
+  UpdateOutputBufSize(nullptr, &buf[0], &size, 0), UpdateOutputBufSize(stdin, &buf[0], nullptr, 0);
   SEAM(popen, [](const char*, const char*) -> FILE* { return errno = EMFILE, nullptr; });
   EXPECT_EQ(run("printf x", 10), "0 0");
+  const std::string invalid = "3 RunProcess: Invalid output size address or output_buf_size",
+                    update = "2 UpdateOutputBufSize: UpdateOutputBufSize: stream, buffer or size";
   EXPECT_EQ(Log::take(),
             (Lines{"4 RunProcess: RunProcess(): UpdateOutputBufSize() being called because "
                    "insufficient buffer size provided (6)\ncmd: \"printf abcde\"",
-                   "4 RunProcess: RunProcess(): required: 15", invalid, update + " == NULL",
-                   update + " == NULL", "3 RunProcess: Too many open files"}));
-}
-
-TEST(GetUserName, TheNameFitsWithItsNulOrNothingChanges) {
-  const std::string name = getpwuid(getuid())->pw_name, untouched(name.size() + 8, '#');
-  std::string buffer = untouched;
-  unsigned int n = name.size(), size = n;  // too small: fails, the size needed untold
-  EXPECT_TRUE(!GetUserName(&buffer[0], &size) && size == n && buffer == untouched);
-  size = n + 8;
-  EXPECT_TRUE(GetUserName(&buffer[0], &size) && size == n + 1 &&
-              buffer == name + '\0' + untouched.substr(n + 1));
-  EXPECT_FALSE(GetUserName(nullptr, &size) || GetUserName(&buffer[0], nullptr));
-  EXPECT_EQ(Log::take(), Lines(2, "2 GetUserName: GetUserName: lpBuffer or pcbBuffer == NULL"));
+                   "4 RunProcess: RunProcess(): required: 15", invalid, invalid,
+                   "2 RunProcess: RunProcess: command or output_buf == NULL", invalid,
+                   update + " == NULL", update + " == NULL", "3 RunProcess: Too many open files"}));
 }
