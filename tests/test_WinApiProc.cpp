@@ -140,9 +140,9 @@ TEST(BeginThreadEx, CreatorsStartAtOnceKeepingTheirTimerSlackAndOneIsCancelledIn
   EXPECT_TRUE(eventually([] { return ran == 200; }));
   std::atomic<uintptr_t> got{0};
   OwnThread([&] {
+    prctl(PR_SET_TIMERSLACK, 40000, 0, 0, 0), release_at = 3, sleeps = 0, cancel_at = 2;
     SEAM(pthread_create, hold);
     SEAM(usleep, counted_sleep);
-    prctl(PR_SET_TIMERSLACK, 40000, 0, 0, 0), release_at = 3, sleeps = 0, cancel_at = 2;
     got = _beginthreadex(nullptr, 0, counted, nullptr, 0, nullptr);
     got = timer_slack() == 40000 ? got.load() : 0;
     usleep(1000), got = 0;  // the cancellation takes effect here
