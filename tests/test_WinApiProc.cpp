@@ -195,7 +195,7 @@ TEST(ThreadControl, PrioritiesMapToPoliciesAndBackTerminateCancelsAtAReadBadHand
   EXPECT_TRUE(reader.join() && closes == 1);
 }
 
-TEST(RunProcess, GetUserNameAndRunProcessSizeProtocolEndMarkerTooSmallABufferAndFailures) {
+TEST(ProcessAndCommands, UserNameFitsOrChangesNothingRunProcessSizesEndMarkerReportsFailures) {
   const std::string name = getpwuid(getuid())->pw_name, untouched(name.size() + 8, '#');
   std::string buf = untouched;
   unsigned int n = name.size(), len = n;  // too small: fails, the size needed untold
