@@ -63,7 +63,7 @@ const std::string kWait = "WaitForMultipleObjects: ", kWait2 = kWait + kWait;
 // thread of its own that is not a _beginthreadex thread, and signals g_fired.
 bool peek(HANDLE h) { pollfd entry{rec(h)->poll_entry.fd, POLLIN, 0}; return poll(&entry, 1, 0); }
 std::atomic<bool> g_signalled;
-HANDLE g_fired = ev(0, 0);
+HANDLE g_fired = ev(0, 0), g_timer = CreateWaitableTimer(nullptr, 1, nullptr);
 void on_fire(void* timer) {
   g_signalled = peek(timer) && gettid() != getpid() && !gt_thread_handle.magic, SetEvent(g_fired);
 }
@@ -75,12 +75,12 @@ BOOL arm(HANDLE timer, int64_t due, bool routine = true, long period = 0) {
 
 // The timer threads' sleeps, recorded instead of slept; one thread sleeps at
 // a time. A sleep fails with g_sleep_error if set, EINTR only the first time,
-// leaving {1, 7}.
+// leaving {1, 7}. One while g_timer is signalled is noted with -1 nanoseconds.
 using Asked = std::vector<std::pair<long, long>>;
 Asked g_asked;
 int g_sleep_error = 0;
 int fake_nanosleep(const struct timespec* request, struct timespec* left) {
-  g_asked.emplace_back(request->tv_sec, request->tv_nsec);
+  g_asked.emplace_back(request->tv_sec, peek(g_timer) ? -1 : request->tv_nsec);
   if (g_sleep_error == 0 || (g_sleep_error == EINTR && g_asked.size() > 1)) return 0;
   return *left = {1, 7}, fail_with(g_sleep_error);
 }
@@ -277,7 +277,7 @@ TEST(Wait, ThreadsHandOffThroughAutoResetEventsWithoutLosingASignal) {
 TEST(SetWaitableTimer, FiresOnceOnAThreadOfItsOwnAfterSleepingFromTheWholeSecondInDailySteps) {
   SEAM(time, [](time_t*) -> time_t { return 1700000000; });
   SEAM(nanosleep, fake_nanosleep);
-  const int64_t now = 1700000000 * 10000000LL + int64_t(UNIX_EPOCH_FILETIME);
+  const int64_t now = 1700000000 * 10000000LL + int64_t(UNIX_EPOCH_FILETIME), soon = now + 25000001;
   Owned t(CreateWaitableTimer(0, 0, 0)), manual(CreateWaitableTimer(0, 1, 0)), m(mx());  // t: auto
   Owned global(CreateWaitableTimer(0, 1, "GlobalRecorderTimer"));
   // Past due, down to where (due - now) * 100 leaves 64 bits: at once, once whatever the period.
@@ -289,10 +289,11 @@ TEST(SetWaitableTimer, FiresOnceOnAThreadOfItsOwnAfterSleepingFromTheWholeSecond
   EXPECT_TRUE(one(manual) && g_asked.empty() && !fired(0));  // each fired once
   ASSERT_TRUE(arm(t, INT64_MAX) && fired(30000) && g_asked.size() == 106752);  // longest
   EXPECT_TRUE((Asked{g_asked[0], g_asked.back()} == Asked{{86400, 0}, {85636, 854775807}}));
-  g_asked.clear(), g_sleep_error = EINTR;  // a signal cuts a sleep short, any other failure ends it
-  EXPECT_TRUE(arm(t, now + 25000001) && fired() && (g_asked == Asked{{2, 500000100}, {1, 7}}));
+  // Arming resets the timer at once; a signal cuts a sleep short, any other failure ends it.
+  g_asked.clear(), g_sleep_error = EINTR, SetEvent(g_timer);
+  EXPECT_TRUE(arm(g_timer, soon) && fired() && (g_asked == Asked{{2, 500000100}, {1, 7}}));
   g_asked.clear(), g_sleep_error = EINVAL;
-  EXPECT_TRUE(arm(t, now + 25000001) && fired() && (g_asked == Asked{{2, 500000100}}));
+  EXPECT_TRUE(arm(g_timer, soon) && fired() && (g_asked == Asked{{2, 500000100}}));
   // A global timer, or another kind of handle, signals nothing; the resets report nothing.
   EXPECT_TRUE(arm(global, 1) && fired() && !g_signalled && one(global) && arm(m, 1) && fired());
   EXPECT_EQ(logged(), "2 SetWaitableTimer: SetWaitableTimer: a negative (relative) lpDueTime is "
