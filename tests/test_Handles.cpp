@@ -22,8 +22,9 @@ TEST(CloseHandle, ReleasesEachKindOfCreateHandleLRecordAtItsLastReferenceRefuses
   SEAM(free, [](void* p) { freed += p != nullptr, free(p); });
   v_handle_t fake{}, *fd = CreateHandleL(V_HANDLE_FD), *find = CreateHandleL(V_HANDLE_FIND);
   v_handle_t *sock = CreateHandleL(V_HANDLE_SOCKET_EVENT), *odd = CreateHandleL(v_handle_type_t(9));
+  // CreateHandleL gives one zeroed record: the magic, the type, one reference.
   EXPECT_TRUE(holds(sock, {V_HANDLE_MAGIC, V_HANDLE_SOCKET_EVENT, {}, 0, 0, 0, 0, 1, {}}));
-  const int a = eventfd(0, 0), b = eventfd(0, 0), c = eventfd(0, 0);  // one zeroed record each
+  const int a = eventfd(0, 0), b = eventfd(0, 0), c = eventfd(0, 0);
   fd->tail.fd = a, sock->poll_entry.fd = b, sock->tail.second_fd = c;
   EXPECT_TRUE(malloc_usable_size(fd) < 2 * sizeof fake && CloseHandle(fd) && CloseHandle(sock));
   EXPECT_TRUE(close(a) + close(b) + close(c) == -3 && CloseHandle(CreateSemaphore(0, 0, 1, 0)));
@@ -34,7 +35,7 @@ TEST(CloseHandle, ReleasesEachKindOfCreateHandleLRecordAtItsLastReferenceRefuses
                        "FindFirst handle must be close with FirstClose function|");
   SEAM(calloc, [](size_t, size_t) -> void* { return nullptr; });
   EXPECT_TRUE(!CreateHandleL(V_HANDLE_FD) && logged() == "3 CreateHandleL: no memo|");
-  free(odd), free(find);  // the records stay
+  free(odd), free(find);  // the records it refused to release
 }
 
 TEST(DuplicateHandle, AddsAReferenceEvenConcurrentlyRefusesWhatItCannotCopyReportsOddArguments) {

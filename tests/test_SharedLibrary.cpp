@@ -25,7 +25,7 @@ TEST(LoggerStandIn, TakesItsLevelFromTheEnvironmentAndWritesOneLinePerMessage) {
   testing::internal::CaptureStderr();
   EXPECT_TRUE(LoggerGetLevel() == 7 && !CloseHandle(&fake));
   LogOutputLevel(3, "../CommonL/WinApiProc", 7, "_beginthreadex", "_beginthreadex error\n");
-  const std::regex stamp_and_line(".* \\[(.)\\] (.*):\\d+ ");  // "$1 $2 " left of them
+  const std::regex stamp_and_line(".* \\[(.)\\] (.*):\\d+ ");  // left out of the comparison
   EXPECT_EQ(std::regex_replace(testing::internal::GetCapturedStderr(), stamp_and_line, "$1 $2 "),
             "3 ../CommonL/Handles CloseHandle: bad handle\n"
             "3 ../CommonL/WinApiProc _beginthreadex: _beginthreadex error\n");
