@@ -1,685 +1,307 @@
 // Events, the name dictionaries, mutexes, the wait engine and waitable
 // timers.
-#include <errno.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
-#include <mutex>
-#include <set>
-#include <thread>
+#include <filesystem>
+#include <future>
 
-#include "CommonL.h"
 #include "WinApiTime.h"
 #include "checkers.h"
 #include "support.h"
 
-using testsupport::Log;
-using testsupport::ScopedSys;
-using Lines = std::vector<std::string>;
-using Results = std::vector<DWORD>;
+using namespace testsupport;
+
+// The next g_new_fails allocations by new fail, as a dictionary's may.
+static std::atomic<int> g_new_fails{0};
+static bool new_fails() { return g_new_fails > 0 && g_new_fails-- > 0; }
+void* operator new(size_t n) { return new_fails() ? throw std::bad_alloc() : malloc(n); }
+void* operator new(size_t n, const std::nothrow_t&) noexcept { return new_fails() ? 0 : malloc(n); }
+[[gnu::noinline]] void operator delete(void* p) noexcept { free(p); }
+[[gnu::noinline]] void operator delete(void* p, size_t) noexcept { free(p); }
 
 namespace {
 
-// Closes its handle at the end of the scope.
-struct Owned {
-  HANDLE h;
-  explicit Owned(HANDLE handle) : h(handle) {}
-  ~Owned() { CloseHandle(h); }  // nullptr: TRUE and silent
-  operator HANDLE() const { return h; }
-  Owned(const Owned&) = delete;
-};
-
-HANDLE event(BOOL manual_reset, BOOL initial, const char* name = nullptr) {
-  return CreateEvent(nullptr, manual_reset, initial, name);
-}
-HANDLE mutex(const char* name = nullptr) { return CreateMutex(nullptr, 0, name); }
-HANDLE timer(BOOL manual, const char* name = 0) { return CreateWaitableTimer(0, manual, name); }
+HANDLE ev(BOOL manual, BOOL on, const char* name = 0) { return CreateEvent(0, manual, on, name); }
+HANDLE mx(const char* name = nullptr) { return CreateMutex(nullptr, 0, name); }
 v_handle_t* rec(HANDLE h) { return static_cast<v_handle_t*>(h); }
-DWORD wait_for(HANDLE h, DWORD ms = 0) { return WaitForSingleObject(h, ms); }
-bool signalled(HANDLE h, DWORD ms = 0) { return wait_for(h, ms) == WAIT_OBJECT_0; }
-DWORD wait_any(std::vector<HANDLE> handles, DWORD ms = 0, BOOL wait_all = 0) {
-  return WaitForMultipleObjects(static_cast<DWORD>(handles.size()), handles.data(), wait_all, ms);
+DWORD one(HANDLE h, DWORD ms = 0) { return WaitForSingleObject(h, ms); }
+DWORD any(std::vector<HANDLE> hs, DWORD ms = 0, BOOL all = 0) {
+  return WaitForMultipleObjects(static_cast<DWORD>(hs.size()), hs.data(), all, ms);
 }
-// What `n` waits in a row on `handles`, none of them waiting, give.
-Results waits(int n, std::vector<HANDLE> handles) {
-  Results out(n);
-  for (DWORD& result : out) result = wait_any(handles);
-  return out;
-}
-
+// n handles: NULL holes, then h.
+std::vector<HANDLE> at(int n, HANDLE h) { std::vector<HANDLE> v(n - 1); v.push_back(h); return v; }
+HANDLE made(HANDLE h, DWORD error) { EXPECT_EQ(GetLastError(), error); return h; }
 // Whether nothing goes by `name`: what is created under it is a new object.
-bool name_free(const char* name, bool as_mutex = false) {
-  HANDLE h = as_mutex ? mutex(name) : event(0, 0, name);
-  bool fresh = h != nullptr && GetLastError() == 0;
-  return CloseHandle(h), fresh;
+bool name_free(const char* name, bool mutex = false) {
+  HANDLE h = mutex ? mx(name) : ev(0, 0, name);
+  return GetLastError() == 0 && h && CloseHandle(h);
+}
+long open_fds() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
+// The lines of Log::take(), each ended by "|"; those of _beginthreadex, which
+// reports a slow thread start of OwnThread on a loaded machine, left out.
+auto logged() { std::string s; for (auto l : Log::take()) if (l[2] != '_') s += l + '|'; return s; }
+
+// The blocks that the library holds from calloc and strdup, counted all
+// along; the next g_lock_failures locks of dic_mutex fail.
+std::atomic<long> g_held{0};
+int g_lock_failures = 0;
+void* held(void* p) { return g_held += p != nullptr, p; }
+const bool g_seams =
+    (commonl::sys.calloc = [](size_t n, size_t size) { return held(calloc(n, size)); },
+     commonl::sys.strdup = [](const char* s) { return static_cast<char*>(held(strdup(s))); },
+     commonl::sys.free = [](void* p) { g_held -= p != nullptr, free(p); },
+     commonl::sys.pthread_mutex_lock = [](pthread_mutex_t* m) {
+       return g_lock_failures > 0 && g_lock_failures-- ? EINVAL : pthread_mutex_lock(m);
+     }, true);
+
+const std::string kGlobalOff = "3 SetEvent: Older SysEvent is disable. Fix the caller|";
+const std::string kWait = "WaitForMultipleObjects: ", kWait2 = kWait + kWait;
+
+// The timers' routine notes whether its timer is signalled, seen from a
+// thread of its own that is not a _beginthreadex thread, and signals g_fired.
+bool peek(HANDLE h) { pollfd entry{rec(h)->poll_entry.fd, POLLIN, 0}; return poll(&entry, 1, 0); }
+std::atomic<bool> g_signalled;
+HANDLE g_fired = ev(0, 0), g_timer = CreateWaitableTimer(nullptr, 1, nullptr);
+void on_fire(void* timer) {
+  g_signalled = peek(timer) && gettid() != getpid() && !gt_thread_handle.magic, SetEvent(g_fired);
+}
+bool fired(DWORD ms = 5000) { return one(g_fired, ms) == 0; }
+BOOL arm(HANDLE timer, int64_t due, bool routine = true, long period = 0) {
+  LARGE_INTEGER at{{static_cast<DWORD>(due), static_cast<int32_t>(due >> 32)}};
+  return SetWaitableTimer(timer, &at, period, routine ? on_fire : nullptr, timer, 0);
 }
 
-int fail_with(int error) { return errno = error, -1; }
-void* no_memory(size_t, size_t) { return nullptr; }
-
-// The log as "level text".
-Lines log_lines() {
-  Lines out;
-  for (const auto& line : Log::lines()) out.push_back(std::to_string(line.level) + " " + line.text);
-  return out;
+// The timer threads' sleeps, recorded instead of slept; one thread sleeps at
+// a time. A sleep fails with g_sleep_error if set, EINTR only the first time,
+// leaving {1, 7}. One while g_timer is signalled is noted with -1 nanoseconds.
+using Asked = std::vector<std::pair<long, long>>;
+Asked g_asked;
+int g_sleep_error = 0;
+int fake_nanosleep(const struct timespec* request, struct timespec* left) {
+  g_asked.emplace_back(request->tv_sec, peek(g_timer) ? -1 : request->tv_nsec);
+  if (g_sleep_error == 0 || (g_sleep_error == EINTR && g_asked.size() > 1)) return 0;
+  return *left = {1, 7}, fail_with(g_sleep_error);
 }
-
-const char* const kGlobalDisabled = "3 Older SysEvent is disable. Fix the caller";
 
 }  // namespace
 
-// --- events ---
-
-TEST(CreateEvent, UnnamedRecordHoldsANonBlockingEventfdTimersAreSuchEventsAttributesOnlyReported) {
-  SetLastError(183);
-  Owned e(event(1, 0)), t(timer(1));
-  ASSERT_TRUE(e.h && t.h);
-  EXPECT_EQ(GetLastError(), 0u);
-  for (HANDLE h : {e.h, t.h}) {
-    const v_handle_t* r = rec(h);
-    EXPECT_TRUE(r->type == V_HANDLE_EVENT && r->manual_reset == 1 && r->global == 0 && !r->name);
-    EXPECT_EQ(r->poll_entry.events, POLLIN);
-    EXPECT_EQ(fcntl(r->poll_entry.fd, F_GETFL) & O_NONBLOCK, O_NONBLOCK);
-    EXPECT_EQ(fcntl(r->poll_entry.fd, F_GETFD) & FD_CLOEXEC, 0);
-    EXPECT_FALSE(signalled(h));
-  }
+TEST(Events, AutoResetLetsOneWaitThroughTheLowestIndexWinsANameIsSharedUntilTheLastClose) {
+  const long held = g_held;
   SECURITY_ATTRIBUTES attributes{};
-  Log::set_level(0);  // level 2 is issued whatever the logger's level
-  Owned e2(CreateEvent(&attributes, 0, 0, nullptr)), t2(CreateWaitableTimer(&attributes, 0, 0));
-  EXPECT_TRUE(e2.h && t2.h);
-  EXPECT_EQ(log_lines(), Lines(2, "2 CreateEvent: lpEventAttributes must be NULL"));
-  EXPECT_EQ(Log::lines()[1].function, "CreateEvent");
+  SetLastError(183);
+  Owned a(made(CreateEvent(&attributes, 0, 1, 0), 0)), t(CreateWaitableTimer(&attributes, 1, 0));
+  Owned m(ev(1, 1)), b(ev(0, 0)), c(ev(0, 1));
+  EXPECT_TRUE(one(t) == WAIT_TIMEOUT && any({a, b, c}) == 0 && any({a, b, c}) == 2);
+  EXPECT_TRUE(any({a, b, c}) == WAIT_TIMEOUT && SetEvent(a) && SetEvent(t) && !one(t) && !one(t));
+  EXPECT_TRUE(!any({a, m}) && any({a, m}) == 1 && any({a, m}) == 1 && ResetEvent(m) && one(m));
+  EXPECT_TRUE(ResetEvent(m) && SetEvent(m) && SetEvent(m) && ResetEvent(m) && one(m));  // collapsed
+  HANDLE first = made(ev(0, 0, "cam"), 0), second = ev(1, 1, "cam");  // which changes nothing
+  EXPECT_TRUE(second == first && CreateWaitableTimer(0, 1, "cam") == first && one(first) != 0);
+  EXPECT_TRUE(GetLastError() == 183 && !rec(first)->manual_reset && CloseHandle(second));
+  EXPECT_TRUE(SetEvent(first) && !one(first) && SetEvent(first) && CloseHandle(first));
+  EXPECT_TRUE(VCloseTimer(first) == 1 && g_held == held + 5);  // the last close gives all back
+  // "Global" names live apart and never signal.
+  Owned global(ev(0, 0, "GlobalAlarm")), found(made(ev(0, 1, "GlobalAlarm"), 183));
+  EXPECT_TRUE(found.h == global.h && SetEvent(global) && one(global) && rec(global)->global == 1);
+  EXPECT_EQ(logged(), "2 CreateEvent: CreateEvent: lpEventAttributes must be NULL|2 CreateEvent: "
+                      "CreateEvent: lpEventAttributes must be NULL|" + kGlobalOff);
 }
 
-TEST(EventSignals, AutoResetLetsOneWaitThroughManualResetStaysSignalledUntilReset) {
-  Owned autoreset(event(0, 1)), manual(event(1, 1)), a(event(0, 1)), b(event(0, 0)), c(event(0, 1));
-  EXPECT_EQ(waits(3, {autoreset, manual}), (Results{0, 1, 1}));
-  EXPECT_TRUE(ResetEvent(manual) && wait_any({autoreset, manual}) == WAIT_TIMEOUT);
-  // Signals collapse, a reset empties; resetting an unsignalled event is TRUE too.
-  EXPECT_TRUE(ResetEvent(manual) && SetEvent(manual) && SetEvent(manual) && ResetEvent(manual));
-  EXPECT_FALSE(signalled(manual));
-  // The lowest signalled index wins and only its signal is consumed.
-  EXPECT_EQ(waits(3, {a, b, c}), (Results{0, 2, WAIT_TIMEOUT}));
-  EXPECT_TRUE(Log::lines().empty()) << Log::dump();
-}
-
-TEST(NamedEvents, ReopenSharesTheObjectUntilTheLastCloseGlobalOnesLiveApartAndNeverSignal) {
-  HANDLE first = event(0, 0, "cam-1");
-  EXPECT_EQ(GetLastError(), 0u);
-  HANDLE second = event(1, 1, "cam-1"), third = timer(1, "cam-1");
-  EXPECT_TRUE(second == first && third == first && GetLastError() == 183u);
-  // The reopens neither signal nor change the kind of reset.
-  EXPECT_FALSE(signalled(first));
-  EXPECT_TRUE(rec(second)->manual_reset == 0 && rec(second)->ref_count == 3);
-  EXPECT_TRUE(CloseHandle(second) && SetEvent(first) && signalled(first));        // still alive
-  EXPECT_TRUE(SetEvent(first) && CloseHandle(first) && VCloseTimer(third) == 1);  // the last one
-  Owned again(event(0, 0, "cam-1"));
-  EXPECT_TRUE(GetLastError() == 0 && !signalled(again));       // a new object: the name was free
-  Owned empty(event(0, 0, "")), empty_again(event(0, 0, ""));  // an empty name is a name
-  EXPECT_TRUE(rec(empty)->name != nullptr && empty_again.h == empty.h && GetLastError() == 183u);
-  EXPECT_TRUE(Log::lines().empty()) << Log::dump();
-
-  // "Global..." names live in a dictionary of their own; such events never signal.
-  Log::set_level(4);
-  Owned global(event(0, 1, "GlobalAlarm"));
-  ASSERT_NE(global.h, nullptr);
-  EXPECT_EQ(rec(global)->global, 1);
-  EnableGlobalEvents();
-  EXPECT_TRUE(SetEvent(global) && !signalled(global));
-  DisableGlobalEvents();
-  EXPECT_EQ(log_lines(),
-            (Lines{"4 For now we do not allow global event to have initial state signed.\n"
-                   "If indeed this is desired then remove this assert line or replace it by a "
-                   "KOVRA_LOG_W message.",
-                   kGlobalDisabled, kGlobalDisabled}));
-  // Found again in its own dictionary; "Global" itself is global too.
-  Owned found(event(0, 0, "GlobalAlarm"));
-  EXPECT_TRUE(found.h == global.h && GetLastError() == 183u);
-  Owned bare(event(0, 0, "Global"));
-  EXPECT_EQ(rec(bare)->global, 1);
-  Log::clear();
-  for (const char* name : {"global", "MyGlobal"}) {  // case-sensitive, at the start only
-    Owned e(event(0, 0, name));
-    EXPECT_TRUE(rec(e)->global == 0 && SetEvent(e) && signalled(e)) << name;
-  }
-  EXPECT_TRUE(Log::lines().empty()) << Log::dump();
-}
-
-TEST(NamedObjects, SystemFailuresAreReportedAndEnterNoName) {
+TEST(Events, RefusalsAndFailuresAreReportedGiveBackWhatTheyTookAndEnterNoName) {
+  const long held = g_held, fds = open_fds();
+  Owned m(mx()), e(ev(0, 0)), overlapped(ev(1, 0));  // it reports but writes; reset and close
+  rec(overlapped)->overlapped = 1;                     // leave the descriptor alone
+  uint64_t n = 0, fd = rec(overlapped)->poll_entry.fd;
+  EXPECT_FALSE(ResetEvent(m) || SetEvent(nullptr) || ResetEvent(nullptr) || SetEvent(m));
+  EXPECT_TRUE(SetEvent(overlapped) && ResetEvent(overlapped) && VCloseEvent(overlapped) == 0);
+  EXPECT_TRUE(read(fd, &n, 8) == 8 && n == 1 && close(fd) == 0 && g_held == held + 3);
+  EXPECT_TRUE(VCloseEvent(0) == 1 && VCloseMutex(e) == 1 && (g_new_fails = 1) && !ev(0, 0, "x"));
+  SetLastError(183);
   {
-    SEAM(eventfd, [](unsigned int, int) { return fail_with(EMFILE); });
-    EXPECT_TRUE(event(0, 0) == nullptr && event(0, 0, "no-fd") == nullptr);
-    EXPECT_EQ(GetLastError(), 0u);
-    EXPECT_EQ(Log::lines().at(0).function, "CreateEvent");
-  }
-  {
+    SEAM(write, [](int, const void*, size_t) -> ssize_t { return 4; });  // short: FALSE, silently
+    SEAM(read, [](int, void*, size_t) -> ssize_t { return fail_with(EIO); });
     SEAM(strdup, [](const char*) -> char* { return nullptr; });
-    EXPECT_TRUE(event(0, 0, "no-copy") == nullptr && mutex("no-copy") == nullptr);
+    EXPECT_TRUE(!SetEvent(e) && !ResetEvent(e) && !ev(0, 0, "x") && !mx("x") && !GetLastError());
     SEAM(pthread_mutex_init, [](pthread_mutex_t*, const pthread_mutexattr_t*) { return ENOMEM; });
-    EXPECT_TRUE(mutex() == nullptr && mutex("no-init") == nullptr);
-    SEAM(calloc, no_memory);
-    EXPECT_EQ(event(0, 0, "no-memory"), nullptr);
+    EXPECT_FALSE(mx());
+    SEAM(calloc, [](size_t, size_t) -> void* { return nullptr; });
+    EXPECT_TRUE(!ev(0, 0, "x") && !mx() && GetLastError() == 0);
+    SEAM(eventfd, [](unsigned int, int) { return fail_with(EMFILE); });
+    EXPECT_TRUE(!ev(0, 1) && !ev(0, 0, "x") && (g_lock_failures = 2));
+    EXPECT_TRUE(!ev(0, 0, "x") && GetLastError() == 21 && !mx("x") && GetLastError() == 21);
   }
-  {
-    SEAM(pthread_mutex_lock, [](pthread_mutex_t*) { return EINVAL; });
-    EXPECT_TRUE(event(0, 0, "locked-out") == nullptr && GetLastError() == 21u);
-    EXPECT_TRUE(mutex("locked-out") == nullptr && GetLastError() == 21u);
-    EXPECT_TRUE(CloseHandle(event(0, 0)));  // an unnamed one needs no lock
-  }
-  EXPECT_EQ(log_lines(), (Lines{"3 CreateEvent: event fd fail", "3 CreateEvent: event fd fail",
-                                "3 no memo", "3 no memo", "3 could not create POSIX mutex",
-                                "3 could not create POSIX mutex", "3 no memo", "3 no memo",
-                                "3 fail to lock dic_mutex", "3 fail to lock dic_mutex"}));
-  for (const char* name : {"no-fd", "no-memory", "no-copy", "no-init", "locked-out"})
-    EXPECT_TRUE(name_free(name) && name_free(name, true)) << name;
+  const std::string memo = ": no memo|3 ", no_fd = "3 CreateEvent: CreateEvent: event fd fail|";
+  EXPECT_EQ(logged(), "2 SetEvent: KORVA Assert|3 SetEvent: bad handle|2 ResetEvent: KORVA Assert|"
+                      "3 SetEvent: bad handle|2 SetEvent: Can not SetEvent when event is used in "
+                      "overlapped operations|2 VCloseEvent: bad handle|2 VCloseMutex: bad handle|3 "
+                      "CreateEvent: no memo|4 ResetEvent: ResetEvent: read error: Input/output "
+                      "error|3 CreateEvent" + memo + "CreateMutex" + memo + "CreateMutex: could "
+                      "not create POSIX mutex|3 CreateHandleL" + memo + "CreateEvent" + memo +
+                      "CreateHandleL" + memo + "CreateMutex: no memo|" + no_fd + no_fd + "3 "
+                      "CreateEvent: fail to lock dic_mutex|3 CreateMutex: fail to lock dic_mutex|");
+  EXPECT_TRUE(g_held == held + 3 && open_fds() == fds + 1 && name_free("x") && name_free("x", 1));
 }
 
-TEST(SetEventAndResetEvent, RefuseOtherHandlesReportFailuresAndLeaveOverlappedEventsAlone) {
-  Owned m(mutex()), e(event(0, 0));
-  EXPECT_FALSE(SetEvent(m) || ResetEvent(m) || SetEvent(nullptr) || ResetEvent(nullptr));
-  // Overlapped: SetEvent reports but signals, ResetEvent and CloseHandle leave the eventfd.
-  HANDLE overlapped = event(1, 0);
-  rec(overlapped)->overlapped = 1;
-  int fd = rec(overlapped)->poll_entry.fd;
-  uint64_t counter = 0;
-  EXPECT_TRUE(SetEvent(overlapped) && ResetEvent(overlapped) && CloseHandle(overlapped));
-  EXPECT_EQ(read(fd, &counter, sizeof counter), 8);
-  EXPECT_EQ(counter, 1u);
-  close(fd);
-  SEAM(write, [](int, const void*, size_t) -> ssize_t { return fail_with(EIO); });
-  EXPECT_EQ(SetEvent(e), FALSE);  // without a report
-  SEAM(read, [](int, void*, size_t) -> ssize_t { return fail_with(EIO); });
-  EXPECT_EQ(ResetEvent(e), FALSE);
-  // ResetEvent refuses another kind of handle silently.
-  EXPECT_EQ(log_lines(), (Lines{"3 bad handle", "2 KORVA Assert", "3 bad handle", "2 KORVA Assert",
-                                "2 Can not SetEvent when event is used in overlapped operations",
-                                "4 ResetEvent: read error: Input/output error"}));
+TEST(VCloseEventAndVCloseMutex, GiveBackOneReferenceAndKeepWhatTheyCannotLock) {
+  const long held = g_held;
+  HANDLE e = ev(0, 0, "x"), m = mx("x"), stuck = ev(0, 0, "stuck"), stuck_mutex = mx("stuck");
+  EXPECT_TRUE(ev(0, 0, "x") == e && mx("x") == m && VCloseEvent(e) == 1 && VCloseMutex(m) == 1);
+  EXPECT_TRUE(rec(e)->ref_count == 1 && VCloseTimer(e) == 1 && VCloseMutex(m) == 1);  // released
+  EXPECT_TRUE(g_held == held + 4 && (g_lock_failures = 2) && CloseHandle(stuck));
+  EXPECT_TRUE(CloseHandle(stuck_mutex) && logged() == "2 VCloseEvent: fail to lock dic_mutex|2 "
+                                                      "VCloseMutex: fail to lock dic_mutex|");
+  // Count 0, the record still there: a create of its name makes a new object
+  // at once instead of waiting for a release that never comes; the stale
+  // records still go with a direct close, which leaves the new names alone.
+  HANDLE fresh = made(ev(0, 0, "stuck"), 0), fresh_mutex = made(mx("stuck"), 0);  // new ones
+  EXPECT_TRUE(SetEvent(fresh) && !one(fresh) && VCloseEvent(stuck) && VCloseMutex(stuck_mutex));
+  EXPECT_TRUE(ev(0, 0, "stuck") == fresh && mx("stuck") == fresh_mutex && GetLastError() == 183);
+  for (HANDLE h : {fresh, fresh, fresh_mutex, fresh_mutex}) EXPECT_TRUE(CloseHandle(h));
+  EXPECT_EQ(g_held, held);
 }
 
-TEST(VCloseEvent, UnnamedClosesTheFdNamedGivesBackAReferenceBadHandleOrNoLockKeepsTheObject) {
-  for (bool as_timer : {false, true}) {
-    v_handle_t* unnamed = rec(as_timer ? timer(0) : event(0, 0));
-    int fd = unnamed->poll_entry.fd;
-    EXPECT_EQ(as_timer ? VCloseTimer(unnamed) : VCloseEvent(unnamed), 0);
-    EXPECT_TRUE(unnamed->poll_entry.fd == -1 && fcntl(fd, F_GETFD) == -1);
-    free(unnamed);  // the record is left to the caller
-  }
-  HANDLE e = event(0, 0, "direct"), again = event(0, 0, "direct");
-  EXPECT_TRUE(again == e && VCloseEvent(e) == 1 && rec(e)->ref_count == 1);
-  EXPECT_TRUE(event(0, 0, "direct") == e && GetLastError() == 183u);
-  EXPECT_TRUE(VCloseEvent(e) == 1 && VCloseEvent(e) == 1);  // 2 -> 1 -> 0: released
-  EXPECT_TRUE(name_free("direct"));
-
-  Owned m(mutex());
-  Log::set_level(0);
-  EXPECT_TRUE(VCloseEvent(m) == 1 && VCloseEvent(nullptr) == 1);
-  HANDLE stuck = event(0, 0, "stuck"), stuck_mutex = mutex("stuck");
-  {
-    SEAM(pthread_mutex_lock, [](pthread_mutex_t*) { return EAGAIN; });
-    EXPECT_TRUE(CloseHandle(stuck) && CloseHandle(stuck_mutex));
-  }
-  EXPECT_EQ(log_lines(), (Lines{"2 bad handle", "2 bad handle", "2 fail to lock dic_mutex",
-                                "2 fail to lock dic_mutex"}));
-  // The count is 0 and the object still there; a create of its name makes a
-  // new object at once instead of waiting for a release that never comes.
-  EXPECT_EQ(rec(stuck)->magic, V_HANDLE_MAGIC);
-  Owned fresh(event(0, 0, "stuck")), fresh_mutex(mutex("stuck"));
-  EXPECT_TRUE(fresh.h && fresh.h != stuck && fresh_mutex.h && fresh_mutex.h != stuck_mutex);
-  EXPECT_EQ(GetLastError(), 0u);
-  EXPECT_TRUE(SetEvent(fresh) && signalled(fresh) && signalled(fresh_mutex));
-  EXPECT_TRUE(ReleaseMutex(fresh_mutex));
-  // The stale records still go with a direct close, leaving the new names alone.
-  EXPECT_TRUE(VCloseEvent(stuck) == 1 && VCloseMutex(stuck_mutex) == 1);
-  Owned reopened(event(0, 0, "stuck")), reopened_mutex(mutex("stuck"));
-  EXPECT_TRUE(reopened.h == fresh.h && reopened_mutex.h == fresh_mutex.h && GetLastError() == 183u);
-}
-
-// The descriptors this process has open.
-int open_fds() {
-  int n = 0;
-  for (int fd = 0; fd < 4096; fd++) n += fcntl(fd, F_GETFD) != -1;
-  return n;
-}
-
-TEST(NamedEventsAndMutexes, ReopenRacingTheLastCloseNeverGetsADyingRecordNorWaitsForIt) {
-  const int fds_before = open_fds();
-  std::atomic<bool> stop{false};
-  std::atomic<long> rounds{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; t++)
-    threads.emplace_back([&] {
-      while (!stop) {
-        HANDLE e = event(0, 0, "contended"), m = mutex("contended-mutex");
-        ASSERT_TRUE(e != nullptr && m != nullptr);
-        // A reference held: the name gives this very object.
-        HANDLE e2 = event(0, 0, "contended"), m2 = mutex("contended-mutex");
-        EXPECT_TRUE(e2 == e && m2 == m && GetLastError() == 183u);
-        EXPECT_TRUE(rec(e)->magic == V_HANDLE_MAGIC &&
-                    __atomic_load_n(&rec(e)->ref_count, __ATOMIC_SEQ_CST) > 0);
-        SetEvent(e);
-        wait_for(e);
-        EXPECT_EQ(wait_for(m, 1000), WAIT_OBJECT_0);
-        EXPECT_TRUE(ReleaseMutex(m) && CloseHandle(e) && CloseHandle(m));
-        EXPECT_TRUE(CloseHandle(e2) && CloseHandle(m2));
-        rounds++;
-      }
-    });
-  std::this_thread::sleep_for(std::chrono::seconds(2));
-  stop = true;
-  for (auto& thread : threads) thread.join();
-  EXPECT_GT(rounds.load(), 100);
-  // Every reference was given back, and every descriptor.
-  EXPECT_TRUE(name_free("contended") && name_free("contended-mutex", true));
-  EXPECT_EQ(open_fds(), fds_before);
-  EXPECT_TRUE(Log::lines().empty()) << Log::dump();
+TEST(NamedEventsAndMutexes, AReopenRacingTheLastCloseNeverGetsADyingRecordNorLosesOne) {
+  const long held = g_held, fds = open_fds();
+  on_threads(4, [](int) {
+    for (int i = 0; i < 3000; i++) {
+      HANDLE e = ev(0, 0, "race"), m = mx("race"), e2 = ev(0, 0, "race"), m2 = mx("race");
+      ASSERT_TRUE(e && m && e2 == e && m2 == m && GetLastError() == 183);  // the object held
+      EXPECT_TRUE(SetEvent(e) && one(m, 5000) == 0 && ReleaseMutex(m));
+      for (HANDLE h : {e, m, e2, m2}) EXPECT_TRUE(CloseHandle(h));
+    }
+  });
+  EXPECT_TRUE(g_held == held && open_fds() == fds && name_free("race") && name_free("race", 1));
 }
 
 TEST(NamedEvents, AThreadCancelledWhileItHoldsTheDictionaryLockLetsItGo) {
-  if (testsupport::under_thread_sanitizer()) GTEST_SKIP() << testsupport::kCancelledInBlockingCall;
-  Owned never(event(1, 0));
-  std::atomic<HANDLE> creator_handle{nullptr};
-  // The logger reaches a cancellation point while CreateEvent holds dic_mutex.
-  Log::on_line([&](const testsupport::LogLine& line) {
-    if (line.function != "CreateHandleL") return;
-    creator_handle = GetCurrentThread();
-    wait_for(never, 10000);
+  if (under_thread_sanitizer()) GTEST_SKIP() << kCancelledInBlockingCall;
+  Owned never(ev(1, 0)), inside(ev(1, 0));
+  Log::on_line([&](const LogLine& line) {  // a cancellation point while CreateEvent holds the lock
+    if (line.function == "CreateEvent") SetEvent(inside), one(never, 10000);
   });
-  std::thread creator([] {
-    PopulateThreadHandle();
-    SEAM(calloc, no_memory);
-    event(0, 0, "locked-in");
-  });
-  ASSERT_TRUE(testsupport::eventually([&] { return creator_handle != nullptr; }));
-  EXPECT_EQ(TerminateThread(creator_handle, 0), TRUE);
-  creator.join();
-  Log::on_line(nullptr);
+  OwnThread creator([] { g_new_fails = 1, ev(0, 0, "locked-in"); });
+  EXPECT_TRUE(one(inside, 10000) == 0 && TerminateThread(creator.h(), 0) && creator.join());
   EXPECT_TRUE(name_free("locked-in"));  // the lock is free again
 }
 
-// --- mutexes ---
-
-TEST(Mutex, StartsFreeTimesOutOthersWhenHeldThroughAnyReferenceAndRefusesWhatItCannotBe) {
-  Owned m(CreateMutex(nullptr, 1, "recorder-lock"));  // free whatever bInitialOwner says
-  EXPECT_EQ(GetLastError(), 0u);
-  Owned second(mutex("recorder-lock"));
-  EXPECT_TRUE(second.h == m.h && GetLastError() == 183u);
-  auto elsewhere = [&](DWORD ms) {  // another thread's wait; what it takes it gives back
-    DWORD result;
-    std::thread([&] {
-      if ((result = wait_for(second, ms)) == 0) ReleaseMutex(second);
-    }).join();
-    return result;
+TEST(Mutex, StartsFreeExcludesOtherThreadsThroughAnyReferenceAndRefusesWhatItCannotBe) {
+  Owned m(made(CreateMutex(nullptr, 1, "lock"), 0)), second(made(mx("lock"), 183)), e(ev(0, 0));
+  auto elsewhere = [&](DWORD ms, bool single) {  // what another thread's wait takes it gives back
+    return std::async(std::launch::async, [&] {
+      DWORD r = single ? one(second, ms) : any({second}, ms);
+      return r || ReleaseMutex(second), r;
+    }).get();
   };
-  EXPECT_EQ(elsewhere(0), WAIT_OBJECT_0);
-  ASSERT_EQ(wait_for(m, INFINITE), WAIT_OBJECT_0);
-  EXPECT_EQ(elsewhere(0), WAIT_TIMEOUT);
-  EXPECT_EQ(elsewhere(30), WAIT_TIMEOUT);
-  EXPECT_EQ(ReleaseMutex(m), TRUE);
-  EXPECT_EQ(elsewhere(0), WAIT_OBJECT_0);
-
-  EXPECT_TRUE(mutex("GlobalX") == nullptr && GetLastError() == 87u);
-  EXPECT_TRUE(name_free("MyGlobal", true));
-  Owned e(event(0, 0, "shared-name"));
-  EXPECT_TRUE(name_free("shared-name", true));  // apart from the event names
-  EXPECT_FALSE(ReleaseMutex(e) || ReleaseMutex(nullptr));
-  HANDLE unnamed = mutex();
-  EXPECT_EQ(VCloseMutex(unnamed), 0);
-  free(unnamed);  // the record is left to the caller
-  EXPECT_EQ(VCloseMutex(e), 1);
-  EXPECT_EQ(log_lines(), (Lines{"3 Global mutex not implemented", "3 ReleaseMutex: bad handle",
-                                "3 ReleaseMutex: bad handle", "2 bad handle"}));
+  EXPECT_TRUE(second.h == m.h && !elsewhere(0, true) && any({m}, INFINITE) == 0);  // was free
+  EXPECT_TRUE(one(m, 20) == WAIT_TIMEOUT && elsewhere(0, false) == WAIT_TIMEOUT);  // not recursive
+  EXPECT_TRUE(elsewhere(30, true) == WAIT_TIMEOUT && ReleaseMutex(m) && !elsewhere(50, false));
+  EXPECT_TRUE(!ReleaseMutex(e) && !made(mx("GlobalX"), 87) && !ReleaseMutex(nullptr));
+  EXPECT_EQ(logged(), "3 ReleaseMutex: ReleaseMutex: bad handle|3 CreateMutex: Global mutex not "
+                      "implemented|3 ReleaseMutex: ReleaseMutex: bad handle|");
 }
 
-// --- the wait engine ---
-
-TEST(Wait, CountLimitsAndTheHeapArray) {
-  Owned e(event(1, 1));
-  std::vector<HANDLE> handles(1025, nullptr);
-  const std::string heap = "7 WaitForMultipleObjects: using large pollfd array, nCount = ";
-  for (DWORD n : {16u, 17u, 1024u}) {
-    Log::clear();
-    handles[n - 1] = e;
-    EXPECT_EQ(WaitForMultipleObjects(n, handles.data(), 0, 0), n - 1);
-    handles[n - 1] = nullptr;
-    EXPECT_EQ(log_lines(), n > 16 ? Lines{heap + std::to_string(n)} : Lines{});
-  }
-  Log::clear();
-  SEAM(calloc, no_memory);
-  for (DWORD n : {1025u, 0u, 17u})
-    EXPECT_EQ(WaitForMultipleObjects(n, handles.data(), 0, 0), WAIT_FAILED) << n;
-  EXPECT_EQ(log_lines(), (Lines{"4 WaitForMultipleObjects: bad nCount = 1025, max is 1024",
-                                "4 WaitForMultipleObjects: bad nCount == 0", heap + "17",
-                                "3 no memo for pollfd"}));
+TEST(Wait, UpTo1024HandlesNullHolesKeepIndicesOtherKindsAreRefusedAMutexMustBeAlone) {
+  if (under_thread_sanitizer()) GTEST_SKIP() << kCancelledInBlockingCall;
+  const long held = g_held;
+  Owned e(ev(1, 1)), a(ev(0, 0)), b(ev(0, 1)), m(mx()), sem(CreateSemaphore(0, 1, 1, 0));
+  for (int n : {16, 17, 1024}) EXPECT_EQ(any(at(n, e)), n - 1u);
+  EXPECT_TRUE(any({nullptr, b, nullptr}) == 1 && any({nullptr}, 10) == WAIT_TIMEOUT);
+  EXPECT_TRUE(!GetLastError() && one(nullptr) == WAIT_FAILED && GetLastError() == 6);
+  EXPECT_TRUE(SetEvent(b) && any({a, b}, 1000, 1) == 1 && SetEvent(b) && any({a, b}, 0, 2) == 1);
+  v_handle_t odd{}, s{V_HANDLE_MAGIC, V_HANDLE_SOCKET_EVENT, rec(b)->poll_entry, 0, 0, 0, 0, 0, {}};
+  EXPECT_TRUE(any({b, sem}) == WAIT_FAILED && any({sem}) == WAIT_FAILED && any({b, m}) == ~0u);
+  EXPECT_TRUE(one(GetCurrentProcess()) == WAIT_FAILED && one(&odd) == WAIT_FAILED && !one(m));
+  EXPECT_TRUE(SetEvent(b) && any({0, &s, b}) == 1 && s.tail.last_revents == POLLIN);  // a socket
+  EXPECT_TRUE(!one(&s) && !one(b) && ReleaseMutex(m));  // neither consumed nor taken
+  OwnThread waiter([] { any(at(20, nullptr), INFINITE); });  // holes only: no end
+  ASSERT_TRUE(blocked_in_syscall(rec(waiter.h())->tail.tid, SYS_ppoll) && g_held == held + 7);
+  EXPECT_TRUE(TerminateThread(waiter.h(), 0) && waiter.join() && g_held == held + 6);
+  SEAM(calloc, [](size_t, size_t) -> void* { return nullptr; });
+  EXPECT_TRUE(any(at(1025, e)) == ~0u && any({}) == ~0u && any(at(17, e)) == WAIT_FAILED);
+  EXPECT_EQ(WaitForMultipleObjects(2, nullptr, 0, 0), WAIT_FAILED);
+  const std::string large = "7 " + kWait2 + "using large pollfd array, nCount = ";
+  const std::string bad = "3 " + kWait + "bad handle position ";
+  EXPECT_EQ(logged(), large + "17|" + large + "1024|2 " + kWait2 + "bWaitAll == TRUE not "
+                      "supported|" + bad + "1, bat type 5|" + bad + "0, bat type 5|3 " + kWait +
+                      "WaitObject call for mutex must have a single handle|" + bad + "0, bat type "
+                      "2|" + bad + "0, bat type 0|" + large + "20|4 " + kWait2 + "bad nCount = "
+                      "1025, max is 1024|4 " + kWait2 + "bad nCount == 0|" + large + "17|3 " +
+                      kWait + "no memo for pollfd|2 " + kWait2 + "lpHandles == NULL|");
 }
 
-TEST(Wait, AThreadCancelledInAWaitOnManyHandlesGivesTheArrayBack) {
-  if (testsupport::under_thread_sanitizer()) GTEST_SKIP() << testsupport::kCancelledInBlockingCall;
-  std::vector<HANDLE> handles(20);
-  for (HANDLE& h : handles) h = event(0, 0);
-  static std::mutex guard;
-  static std::set<void*> taken;  // what the library has from calloc and not given back
-  SEAM(calloc, [](size_t n, size_t size) {
-    void* p = calloc(n, size);
-    std::lock_guard<std::mutex> lock(guard);
-    return taken.insert(p), p;
+TEST(Wait, PpollGetsTheEntriesAndTheTimeoutItsFailuresAreReported) {
+  static struct pollfd seen[2];
+  static struct timespec timeout, *given;  // &timeout or nullptr
+  static int answer;                        // what ppoll gives; below 0: fails with -answer
+  SEAM(ppoll, [](struct pollfd* fds, nfds_t n, const struct timespec* t, const sigset_t*) {
+    std::copy(fds, fds + n, seen), given = t ? &(timeout = *t) : nullptr;
+    for (nfds_t i = 0; i < n; i++) fds[i].revents = i == 1 ? POLLPRI : 0;  // which does not count
+    return answer < 0 ? fail_with(-answer) : answer;
   });
-  SEAM(free, [](void* p) {
-    std::lock_guard<std::mutex> lock(guard);
-    taken.erase(p), free(p);
-  });
-  std::atomic<HANDLE> waiter{nullptr};
-  std::atomic<pid_t> tid{0};
-  std::thread thread([&] {
-    PopulateThreadHandle();
-    waiter = GetCurrentThread(), tid = gettid();
-    wait_any(handles, INFINITE);
-  });
-  ASSERT_TRUE(testsupport::eventually([&] { return tid != 0; }));
-  ASSERT_TRUE(testsupport::blocked_in_syscall(tid, SYS_ppoll));
-  auto held = [] {
-    std::lock_guard<std::mutex> lock(guard);
-    return taken.size();
-  };
-  EXPECT_EQ(held(), 1u);
-  EXPECT_EQ(TerminateThread(waiter, 0), TRUE);
-  thread.join();
-  EXPECT_EQ(held(), 0u);
-  for (HANDLE h : handles) CloseHandle(h);
+  Owned e(ev(0, 0));
+  EXPECT_TRUE(one(e, 1500) == WAIT_TIMEOUT && timeout.tv_sec == 1 && timeout.tv_nsec == 500000000);
+  EXPECT_TRUE(one(e, INFINITE) == WAIT_TIMEOUT && !given && any({e, e}) == WAIT_TIMEOUT && given);
+  EXPECT_TRUE(timeout.tv_sec == 0 && timeout.tv_nsec == 0 && (answer = 1));
+  EXPECT_TRUE(any({nullptr, e}) == WAIT_FAILED && seen[0].fd == -1 && seen[0].events == 0);
+  EXPECT_TRUE(seen[0].revents == 0 && seen[1].fd == rec(e)->poll_entry.fd && seen[1].events == 1);
+  for (int error : {-EINVAL, -EINTR}) EXPECT_TRUE((answer = error, one(e)) == WAIT_FAILED);
+  const std::string w = "|3 " + kWait + "WaitForMultipleObjects";
+  EXPECT_EQ(logged(), "3 " + kWait2 + "Could not find reported eventent|7 " + kWait + "fds[0]."
+                      "revents = 0|7 " + kWait + "fds[1].revents = 2" + w + " ppoll errno = 22" +
+                      w + " ppoll error: Invalid argument" + w + " got SIGINT or SIGTERM signal|");
 }
-
-TEST(Wait, NullHolesKeepIndicesOnlyTheSingleWaitRefusesNullAndWaitAllWaitsForAnyOne) {
-  Owned a(event(0, 0)), b(event(0, 1));
-  SetLastError(0);
-  EXPECT_EQ(wait_any({nullptr, b, nullptr}), 1u);
-  EXPECT_EQ(wait_any({nullptr, nullptr}), WAIT_TIMEOUT);
-  EXPECT_EQ(wait_any({nullptr}, 10), WAIT_TIMEOUT);
-  EXPECT_EQ(GetLastError(), 0u);
-  EXPECT_TRUE(wait_for(nullptr) == WAIT_FAILED && GetLastError() == 6u);
-  EXPECT_TRUE(Log::lines().empty()) << Log::dump();
-  EXPECT_EQ(WaitForMultipleObjects(2, nullptr, 0, 0), WAIT_FAILED);  // refused, not followed
-  EXPECT_EQ(log_lines(), Lines{"2 WaitForMultipleObjects: lpHandles == NULL"});
-  Log::clear();
-  Log::set_level(0);
-  EXPECT_TRUE(SetEvent(b) && wait_any({a, b}, 1000, 1) == 1u);
-  EXPECT_TRUE(SetEvent(b) && wait_any({a, b}, 0, 2) == 1u);  // only TRUE itself is reported
-  EXPECT_EQ(log_lines(), Lines{"2 WaitForMultipleObjects: bWaitAll == TRUE not supported"});
-}
-
-TEST(Wait, SocketEventsReportReventsUnpollableHandlesAreRefusedByPositionAMutexMustBeAlone) {
-  Owned e(event(0, 1)), sem(CreateSemaphore(nullptr, 1, 1, nullptr)), m(mutex());
-  v_handle_t fake{};  // right type, no magic
-  fake.type = V_HANDLE_EVENT;
-  PopulateThreadHandle();
-  EXPECT_TRUE(wait_any({e, sem}) == WAIT_FAILED && wait_any({sem}) == WAIT_FAILED);
-  for (HANDLE h : {GetCurrentProcess(), HANDLE(&fake), HANDLE(&gt_thread_handle)})
-    EXPECT_EQ(wait_for(h), WAIT_FAILED);
-  EXPECT_EQ(wait_any({e, m}), WAIT_FAILED);
-  EXPECT_EQ(log_lines(),
-            (Lines{"3 bad handle position 1, bat type 5", "3 bad handle position 0, bat type 5",
-                   "3 bad handle position 0, bat type 2", "3 bad handle position 0, bat type 0",
-                   "3 bad handle position 0, bat type 6",
-                   "3 WaitObject call for mutex must have a single handle"}));
-  for (const auto& line : Log::lines()) EXPECT_EQ(line.function, "WaitForMultipleObjects");
-  EXPECT_TRUE(signalled(e));  // the refusals consumed nothing
-  std::thread([&] { EXPECT_TRUE(wait_any({m}) == WAIT_OBJECT_0 && ReleaseMutex(m)); }).join();
-
-  v_handle_t* socket_event = CreateHandleL(V_HANDLE_SOCKET_EVENT);
-  socket_event->poll_entry = {eventfd(1, EFD_NONBLOCK), POLLIN | POLLOUT, 0};
-  socket_event->tail.second_fd = eventfd(0, 0);
-  EXPECT_EQ(wait_any({e, socket_event}), 1u);  // e: consumed above
-  EXPECT_EQ(socket_event->tail.last_revents, POLLIN | POLLOUT);
-  EXPECT_EQ(wait_for(socket_event), WAIT_OBJECT_0);  // not consumed
-  CloseHandle(socket_event);
-}
-
-TEST(Wait, PpollGetsTheTimeoutAndTheSignalMaskAndItsFailuresAreReported) {
-  static struct timespec timeout;
-  static const struct timespec* seen_timeout;  // &timeout or nullptr
-  static sigset_t mask;
-  static int answer;  // 0: a timeout; -1: EINVAL; 1: one ready, POLLPRI only
-  answer = 0;
-  SEAM(ppoll, [](struct pollfd* fds, nfds_t n, const struct timespec* t, const sigset_t* m) {
-    seen_timeout = t ? &(timeout = *t) : nullptr;
-    mask = *m;
-    for (nfds_t i = 0; i < n; i++) fds[i].revents = i == 1 ? POLLPRI : 0;
-    return answer < 0 ? fail_with(EINVAL) : answer;
-  });
-  Owned e(event(0, 0));
-  EXPECT_EQ(wait_for(e, 1500), WAIT_TIMEOUT);
-  EXPECT_TRUE(seen_timeout && timeout.tv_sec == 1 && timeout.tv_nsec == 500000000);
-  for (int signo : {SIGINT, SIGTERM, SIGUSR1, SIGALRM})
-    EXPECT_EQ(sigismember(&mask, signo), signo == SIGINT || signo == SIGTERM ? 0 : 1) << signo;
-  EXPECT_TRUE(wait_for(e, INFINITE) == WAIT_TIMEOUT && seen_timeout == nullptr);
-  EXPECT_TRUE(wait_for(e, 0) == WAIT_TIMEOUT && timeout.tv_sec == 0 && timeout.tv_nsec == 0);
-  answer = -1;
-  EXPECT_EQ(wait_for(e), WAIT_FAILED);
-  answer = 1;
-  EXPECT_EQ(wait_any({e, e}), WAIT_FAILED);
-  EXPECT_EQ(log_lines(), (Lines{"3 WaitForMultipleObjects ppoll errno = 22",
-                                "3 WaitForMultipleObjects ppoll error: Invalid argument",
-                                "3 WaitForMultipleObjects: Could not find reported eventent",
-                                "7 fds[0].revents = 0", "7 fds[1].revents = 2"}));
-}
-
-std::atomic<int> g_handled{0};
 
 TEST(Wait, SigintAndSigtermEndAWaitOtherSignalsWaitUntilPpollReturns) {
-  Owned e(event(0, 0));
-  for (int signo : {SIGINT, SIGTERM, SIGUSR1}) {
-    Log::clear(), g_handled = 0;
-    struct sigaction action {};  // no SA_RESTART
-    action.sa_handler = [](int) { g_handled++; };
-    sigaction(signo, &action, nullptr);
-    std::atomic<pid_t> tid{0};
-    std::atomic<DWORD> result{0x12345};
-    std::thread waiter([&] { tid = gettid(), result = wait_for(e, INFINITE); });
-    ASSERT_TRUE(testsupport::eventually([&] { return tid != 0; }));
-    EXPECT_TRUE(testsupport::blocked_in_syscall(tid, SYS_ppoll));
-    pthread_kill(waiter.native_handle(), signo);
-    if (signo == SIGUSR1) {
-      // The signal stays pending while ppoll waits: the thread is still in it.
-      EXPECT_TRUE(testsupport::blocked_in_syscall(tid, SYS_ppoll));
-      EXPECT_EQ(g_handled.load(), 0);
-      SetEvent(e);
-    }
-    waiter.join(), signal(signo, SIG_DFL);
-    EXPECT_EQ(g_handled.load(), 1) << signo;  // SIGUSR1: delivered once the wait was over
-    EXPECT_EQ(result.load(), signo == SIGUSR1 ? WAIT_OBJECT_0 : WAIT_FAILED) << signo;
-    EXPECT_EQ(log_lines(), signo == SIGUSR1
-                               ? Lines{}
-                               : Lines{"3 WaitForMultipleObjects got SIGINT or SIGTERM signal"});
+  static std::atomic<DWORD> handled, result;
+  Owned e(ev(0, 0));
+  for (int sig : {SIGINT, SIGTERM, SIGUSR1}) {
+    signal(sig, [](int) { handled++; }), handled = 0;  // ppoll is never restarted
+    OwnThread waiter([&] { result = one(e, INFINITE); });
+    const pid_t tid = rec(waiter.h())->tail.tid;
+    ASSERT_TRUE(blocked_in_syscall(tid, SYS_ppoll) && tgkill(getpid(), tid, sig) == 0);
+    // SIGUSR1 is kept pending while ppoll waits: the thread is still in it.
+    EXPECT_TRUE(sig != SIGUSR1 || (blocked_in_syscall(tid, SYS_ppoll) && !handled && SetEvent(e)));
+    EXPECT_TRUE(waiter.join() && handled == 1 && result == (sig == SIGUSR1 ? 0 : WAIT_FAILED));
+    EXPECT_EQ(logged(), sig == SIGUSR1 ? "" : "3 " + kWait + kWait.substr(0, 22) +
+                                                    " got SIGINT or SIGTERM signal|");
   }
 }
 
 TEST(Wait, ThreadsHandOffThroughAutoResetEventsWithoutLosingASignal) {
-  Owned ping(event(0, 0)), pong(event(0, 0));
-  std::thread partner([&] {
-    for (int i = 0; i < 2000; i++) ASSERT_TRUE(signalled(ping, 5000) && SetEvent(pong)) << i;
-  });
-  for (int i = 0; i < 2000; i++) ASSERT_TRUE(SetEvent(ping) && signalled(pong, 5000)) << i;
-  partner.join();
-  EXPECT_EQ(wait_any({ping, pong}), WAIT_TIMEOUT);
+  Owned ping(ev(0, 0)), pong(ev(0, 0));
+  OwnThread partner([&] { for (int i = 0; i < 2000 && !one(ping, 5000); i++) SetEvent(pong); });
+  for (int i = 0; i < 2000; i++) ASSERT_TRUE(SetEvent(ping) && one(pong, 5000) == 0) << i;
+  EXPECT_TRUE(partner.join() && any({ping, pong}) == WAIT_TIMEOUT);
 }
 
-// --- waitable timers ---
-
-namespace {
-
-// What a timer's routine saw. Setting `done` is the routine's last act, so
-// the test may let the Firing go once `done` is signalled.
-struct Firing {
-  HANDLE timer, done = event(1, 0);
-  std::atomic<int> calls{0}, tid{0};
-  std::atomic<bool> timer_signalled{false};
-  std::atomic<uint32_t> thread_magic{1};
-  std::atomic<uint64_t> fired_at{0};
-  explicit Firing(HANDLE t = nullptr) : timer(t) {}
-  ~Firing() { CloseHandle(done); }
-};
-
-// The present on the FILETIME scale, to the 100 nanoseconds.
-uint64_t precise_now() {
-  struct timespec now;
-  clock_gettime(CLOCK_REALTIME, &now);
-  return uint64_t(now.tv_sec) * 10000000u + uint64_t(now.tv_nsec) / 100u + UNIX_EPOCH_FILETIME;
-}
-
-// Whether `h` is signalled, without consuming the signal.
-bool peek_signalled(HANDLE h) {
-  struct pollfd entry = {rec(h)->poll_entry.fd, POLLIN, 0};
-  return poll(&entry, 1, 0) == 1;
-}
-
-void on_fire(void* arg) {
-  auto* f = static_cast<Firing*>(arg);
-  f->fired_at = precise_now(), f->tid = gettid(), f->thread_magic = gt_thread_handle.magic;
-  if (f->timer != nullptr) f->timer_signalled = peek_signalled(f->timer);
-  f->calls++;
-  SetEvent(f->done);
-}
-
-bool fired(Firing& f, DWORD ms = 5000) { return signalled(f.done, ms); }
-
-BOOL arm(HANDLE timer, int64_t due_count, Firing* f, long period = 0) {
-  LARGE_INTEGER due;
-  due.QuadPart = due_count;
-  return SetWaitableTimer(timer, &due, period, f ? on_fire : nullptr, f, 0);
-}
-
-const int64_t kPresent = 1700000000;
-const int64_t kPresentCount = kPresent * 10000000 + static_cast<int64_t>(UNIX_EPOCH_FILETIME);
-
-// The timer thread's sleep, recorded instead of slept. One timer thread
-// sleeps at a time; a request is recorded before `calls` counts it.
-enum class Sleep { instant, interrupted_once, failing, gated };
-struct FakeSleep : ScopedSys<decltype(commonl::sys.nanosleep)> {
-  static inline Sleep mode;
-  static inline HANDLE gate;              // a gated sleep ends once this is signalled
-  static inline std::atomic<long> calls;  // the sleeps so far
-  static inline std::atomic<uint64_t> slept_ns;
-  static inline struct timespec requests[2];  // the first two
-  explicit FakeSleep(Sleep m) : ScopedSys(commonl::sys.nanosleep, fake) {
-    mode = m, calls = 0, slept_ns = 0, gate = event(1, 0);
+TEST(SetWaitableTimer, FiresOnceOnAThreadOfItsOwnAfterSleepingFromTheWholeSecondInDailySteps) {
+  SEAM(time, [](time_t*) -> time_t { return 1700000000; });
+  SEAM(nanosleep, fake_nanosleep);
+  const int64_t now = 1700000000 * 10000000LL + int64_t(UNIX_EPOCH_FILETIME), soon = now + 25000001;
+  Owned t(CreateWaitableTimer(0, 0, 0)), manual(CreateWaitableTimer(0, 1, 0)), m(mx());  // t: auto
+  Owned global(CreateWaitableTimer(0, 1, "GlobalRecorderTimer"));
+  // Past due, down to where (due - now) * 100 leaves 64 bits: at once, once whatever the period.
+  for (int64_t due : {now, 0L, INT64_MIN, now - INT64_MAX / 100 - 1}) {
+    ASSERT_TRUE(arm(t, due, true, 1000) && fired()) << due;  // the routine runs last
+    EXPECT_TRUE(g_signalled && one(t) == 0 && one(t) == WAIT_TIMEOUT);
   }
-  ~FakeSleep() { CloseHandle(gate); }
-  static int fake(const struct timespec* request, struct timespec* remaining) {
-    const long call = calls + 1;
-    if (call <= 2) requests[call - 1] = *request;
-    slept_ns += uint64_t(request->tv_sec) * 1000000000u + uint64_t(request->tv_nsec);
-    calls = call;
-    EXPECT_TRUE(mode != Sleep::gated || wait_for(gate, 10000) == WAIT_OBJECT_0);
-    if (mode == Sleep::failing) return fail_with(EINVAL);
-    if (mode != Sleep::interrupted_once || call > 1) return 0;
-    *remaining = {1, 7};
-    return fail_with(EINTR);
-  }
-};
-
-bool same(const timespec& a, time_t sec, long nsec) { return a.tv_sec == sec && a.tv_nsec == nsec; }
-
-}  // namespace
-
-TEST(SetWaitableTimer, PastDueTimesFireAtOnceOthersSleepFromTheWholeSecondInDailySteps) {
-  SEAM(time, [](time_t*) -> time_t { return kPresent; });  // a fixed present
-  Owned autoreset(timer(0)), manual(timer(1));
-  {
-    FakeSleep sleep(Sleep::instant);
-    // Down to where (due - now) * 100 leaves 64 bits: still in the past.
-    for (int64_t due : {kPresentCount, kPresentCount - 600000000, int64_t{1}, int64_t{0}, INT64_MIN,
-                        int64_t{-1}, kPresentCount - INT64_MAX / 100 - 1}) {
-      Firing f(autoreset);
-      ASSERT_TRUE(arm(autoreset, due, &f) && fired(f));  // the routine runs last, on its own thread
-      EXPECT_TRUE(f.calls == 1 && f.tid != gettid() && f.timer_signalled);
-      EXPECT_NE(f.thread_magic.load(), V_HANDLE_MAGIC);  // not a _beginthreadex thread
-      EXPECT_EQ(waits(2, {autoreset}), (Results{WAIT_OBJECT_0, WAIT_TIMEOUT})) << due;
-    }
-    Firing m(manual);
-    ASSERT_TRUE(arm(manual, 1, &m) && fired(m));
-    EXPECT_EQ(waits(3, {manual}), Results(3, WAIT_OBJECT_0));
-    EXPECT_TRUE(ResetEvent(manual) && !signalled(manual));
-    EXPECT_EQ(FakeSleep::calls, 0);  // no sleep at all
-  }
-  {
-    FakeSleep sleep(Sleep::interrupted_once);
-    Firing f(autoreset);
-    ASSERT_TRUE(arm(autoreset, kPresentCount + 25000001, &f) && fired(f));
-    ASSERT_EQ(FakeSleep::calls, 2);
-    EXPECT_TRUE(same(FakeSleep::requests[0], 2, 500000100));
-    EXPECT_TRUE(same(FakeSleep::requests[1], 1, 7));  // what the interrupted sleep left
-  }
-  {
-    FakeSleep sleep(Sleep::failing);  // any other failure ends the sleep
-    Firing f(autoreset);
-    ASSERT_TRUE(arm(autoreset, kPresentCount + 3 * 864000000000000, &f) && fired(f));  // 3 days
-    EXPECT_EQ(FakeSleep::calls, 1);
-  }
-  FakeSleep sleep(Sleep::instant);  // beyond 64-bit nanoseconds: saturated
-  Firing f(autoreset);
-  ASSERT_TRUE(arm(autoreset, INT64_MAX, &f) && fired(f, 30000));
-  EXPECT_EQ(FakeSleep::calls, INT64_MAX / (86400 * 1000000000LL) + 1);
-  EXPECT_EQ(FakeSleep::slept_ns, uint64_t(INT64_MAX));
-  EXPECT_TRUE(same(FakeSleep::requests[0], 86400, 0));
-  // Win32's relative due times are negative: reported, and they fire at once.
-  EXPECT_EQ(log_lines(),
-            Lines(2, "2 SetWaitableTimer: a negative (relative) lpDueTime is not supported; it is "
-                     "taken as an absolute time long past and the timer fires at once"));
-  Log::clear();
-
-  // A global timer, or another kind of handle, runs the routine but signals nothing.
-  Owned global(timer(1, "GlobalRecorderTimer")), m(mutex());
-  ASSERT_NE(global.h, nullptr);
-  Firing g(global), other;
-  EXPECT_TRUE(arm(global, 1, &g) && fired(g));
-  EXPECT_FALSE(g.timer_signalled || signalled(global));
-  EXPECT_TRUE(arm(m, 1, &other) && fired(other));
-  // Nothing from the resets at arming; the timer threads' SetEvent reports.
-  EXPECT_EQ(log_lines(), (Lines{kGlobalDisabled, "3 bad handle"}));
-  for (const auto& line : Log::lines()) EXPECT_EQ(line.function, "SetEvent");
-}
-
-TEST(SetWaitableTimer, FiresWithinTheWholeSecondGranularityOnceWhateverThePeriodSays) {
-  Owned t(timer(1));
-  Firing f(t);
-  const uint64_t due = precise_now() + 10000000;  // a second ahead
-  EXPECT_EQ(arm(t, static_cast<int64_t>(due), &f, 1000), TRUE);
-  EXPECT_FALSE(signalled(t));
-  ASSERT_TRUE(fired(f));
-  EXPECT_GE(f.fired_at.load(), due);
-  EXPECT_LT(f.fired_at.load(), due + 15000000);  // a second late by design, and the scheduler's
-  EXPECT_TRUE(signalled(t) && ResetEvent(t));
-  EXPECT_TRUE(!signalled(t, 1500) && f.calls == 1);       // no second firing
-  EXPECT_TRUE(arm(t, 1, nullptr) && signalled(t, 5000));  // no routine: only signals
-  EXPECT_TRUE(Log::lines().empty()) << Log::dump();
-}
-
-TEST(SetWaitableTimer, ArmingResetsAtOnceNeedsTimerAndDueTimeAndDoesNotDisarmAnEarlierArming) {
-  FakeSleep sleep(Sleep::gated);
-  Owned t(timer(1));
-  SetEvent(t);
-  Firing never, later(t), sooner(t);
-  LARGE_INTEGER due;
-  due.QuadPart = 1;
-  EXPECT_FALSE(SetWaitableTimer(nullptr, &due, 0, on_fire, &never, 0) ||
-               SetWaitableTimer(t, nullptr, 0, on_fire, &never, 0));
-  EXPECT_TRUE(peek_signalled(t));   // not reset
-  EXPECT_FALSE(fired(never, 200));  // no thread
-
-  EXPECT_EQ(arm(t, int64_t(precise_now()) + 36000000000, &later), TRUE);  // an hour ahead
-  EXPECT_FALSE(peek_signalled(t));
-  EXPECT_TRUE(arm(t, 1, &sooner) && fired(sooner));
-  EXPECT_TRUE(signalled(t) && ResetEvent(t));
-  EXPECT_FALSE(fired(later, 0));
-  EXPECT_TRUE(testsupport::eventually([&] { return FakeSleep::calls == 1; }));
-  SetEvent(FakeSleep::gate);
-  ASSERT_TRUE(fired(later));
-  EXPECT_TRUE(later.timer_signalled && signalled(t));
-  EXPECT_EQ(later.calls + sooner.calls, 2);
-  EXPECT_TRUE(Log::lines().empty()) << Log::dump();
+  EXPECT_TRUE(arm(manual, 1, false) && !one(manual, 5000) && !one(manual) && ResetEvent(manual));
+  EXPECT_TRUE(one(manual) && g_asked.empty() && !fired(0));  // each fired once
+  ASSERT_TRUE(arm(t, INT64_MAX) && fired(30000) && g_asked.size() == 106752);  // longest
+  EXPECT_TRUE((Asked{g_asked[0], g_asked.back()} == Asked{{86400, 0}, {85636, 854775807}}));
+  // Arming resets the timer at once; a signal cuts a sleep short, any other failure ends it.
+  g_asked.clear(), g_sleep_error = EINTR, SetEvent(g_timer);
+  EXPECT_TRUE(arm(g_timer, soon) && fired() && (g_asked == Asked{{2, 500000100}, {1, 7}}));
+  g_asked.clear(), g_sleep_error = EINVAL;
+  EXPECT_TRUE(arm(g_timer, soon) && fired() && (g_asked == Asked{{2, 500000100}}));
+  // A global timer, or another kind of handle, signals nothing; the resets report nothing.
+  EXPECT_TRUE(arm(global, 1) && fired() && !g_signalled && one(global) && arm(m, 1) && fired());
+  EXPECT_EQ(logged(), "2 SetWaitableTimer: SetWaitableTimer: a negative (relative) lpDueTime is "
+                      "not supported; it is taken as an absolute time long past and the timer "
+                      "fires at once|" + kGlobalOff + "3 SetEvent: bad handle|");
+  EXPECT_TRUE(!arm(nullptr, 1) && !SetWaitableTimer(manual, 0, 0, on_fire, 0, 0) && !fired(50));
 }
