@@ -30,7 +30,8 @@ struct LogLine {
 // Like a real logger it may change errno: both calls leave it at ENOTTY. A
 // line is logged under the name of the operation whose message it is, never
 // under one of the library's file-local helpers (whose names begin with an
-// underscore): such a line fails the test. Each test starts with an empty
+// underscore): such a line fails the test. The slow-start report of a thread
+// started with real sleeps is left out: it tells the machine's load. Each test starts with an empty
 // log at level 7 and no hook.
 class Log {
  public:
@@ -41,9 +42,6 @@ class Log {
   // forgotten.
   static Lines take(int max_level = 7);
   static std::string dump();
-  static int count(int level, const std::string& text);  // lines with this level and text
-  static bool has(int level, const std::string& text) { return count(level, text) > 0; }
-  static int count_text(const std::string& text);  // lines with this text at any level
   // Called with each line as it is logged, on the logging thread; it may block.
   static void on_line(std::function<void(const LogLine&)> hook);
 };
@@ -78,7 +76,6 @@ class SystemRecorder {
   ~SystemRecorder();
   void set_status(int status);
   Lines take();  // the commands since the last call
-  Lines commands() const;  // all of them
 };
 
 // Records the times given to settimeofday() and answers with `result` (a
