@@ -112,6 +112,12 @@ Lines Log::take(int max_level) {
   return out;
 }
 
+std::string Log::said(int max_level) {
+  std::string out;
+  for (const std::string& line : take(max_level)) out += line + "|";
+  return out;
+}
+
 std::string Log::dump() {
   std::ostringstream out;
   for (const LogLine& l : lines())

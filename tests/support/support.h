@@ -41,6 +41,8 @@ class Log {
   // The lines so far up to `max_level`, as "level function: text", then
   // forgotten.
   static Lines take(int max_level = 7);
+  // The same lines, each followed by "|", in one text.
+  static std::string said(int max_level = 7);
   static std::string dump();
   // Called with each line as it is logged, on the logging thread; it may block.
   static void on_line(std::function<void(const LogLine&)> hook);
