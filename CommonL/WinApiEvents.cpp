@@ -78,22 +78,24 @@ static v_handle_t* _dic_find(const char* name, const CDictionary& dic) {
   return nullptr;
 }
 
-// 1 inserted, 0 the name is there already, -1 out of memory (nothing changed).
-static int _dic_insert(const char* name, void* handle, CDictionary& dic) {
+enum class _Inserted { yes, name_there, no_memory };
+
+// On no_memory nothing has changed.
+static _Inserted _dic_insert(const char* name, void* handle, CDictionary& dic) {
   if (name == nullptr) {
     KLOG(2, "KORVA Assert");
-    return 0;
+    return _Inserted::name_there;
   }
-  if (_dic_find(name, dic) != nullptr) return 0;
+  if (_dic_find(name, dic) != nullptr) return _Inserted::name_there;
   auto* entry = new (std::nothrow) CDicEntry{name, handle};
-  if (entry == nullptr) return -1;
+  if (entry == nullptr) return _Inserted::no_memory;
   try {
     dic.push_back(entry);
   } catch (const std::bad_alloc&) {
     delete entry;
-    return -1;
+    return _Inserted::no_memory;
   }
-  return 1;
+  return _Inserted::yes;
 }
 
 // Removes the entry of `name` if it is `handle`'s. Once a record is on its
@@ -132,9 +134,9 @@ static v_handle_t* _dic_reopen(const char* name, CDictionary& dic) {
 static bool _enter_name(v_handle_t* h, const char* name, CDictionary& dic, const char* op) {
   h->name = sys.strdup(name);
   if (h->name == nullptr) return false;
-  int inserted = _dic_insert(h->name, h, dic);
-  if (inserted == 0) KLOG_AS(op, 2, "dic_insert fail");
-  if (inserted < 0) {
+  const _Inserted inserted = _dic_insert(h->name, h, dic);
+  if (inserted == _Inserted::name_there) KLOG_AS(op, 2, "dic_insert fail");
+  if (inserted == _Inserted::no_memory) {
     sys.free(h->name);
     h->name = nullptr;
     return false;

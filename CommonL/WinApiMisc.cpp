@@ -40,17 +40,16 @@ Paths paths = {
     "/etc/timezone",
 };
 
-// The size of the open file by a seek to its end. A directory (whose seek
-// gives LONG_MAX) or a pipe has no such size: what the system gives as its
-// size stands then, and the read shows whether anything can be read. -1 when
-// there is no size at all.
+// The size of the open file by a seek to its end, or -1. A directory (whose
+// seek gives LONG_MAX) or a pipe has no such size: what the system gives as
+// its size stands then, and the read shows whether anything can be read. A
+// plain file beyond 32 bits has no size the library can use.
 static long _file_size(FILE* file) {
-  long end = -1;
-  if (fseek(file, 0, SEEK_END) == 0) end = ftell(file);
-  if (fseek(file, 0, SEEK_SET) != 0) end = -1;
+  const long end = fseek(file, 0, SEEK_END) == 0 ? ftell(file) : -1;
+  rewind(file);
   if (end >= 0 && end <= INT32_MAX) return end;
   struct stat info;
-  if (fstat(fileno(file), &info) != 0) return -1;
+  if (fstat(fileno(file), &info) != 0 || S_ISREG(info.st_mode)) return -1;
   return static_cast<long>(info.st_size);
 }
 
@@ -227,9 +226,9 @@ static int play_file(char const* path) {
 
 int Beep(unsigned int dwFreq, unsigned int dwDuration) {
   if (!_use_buzzer()) return play_file(_SOUND_FILE);
-  char command[64];
-  snprintf(command, sizeof command, "beep -f %u -l %u", dwFreq, dwDuration);
-  return sys.system(command) == 0 ? 1 : 0;
+  const std::string command =
+      "beep -f " + std::to_string(dwFreq) + " -l " + std::to_string(dwDuration);
+  return sys.system(command.c_str()) == 0 ? 1 : 0;
 }
 
 int MessageBeep(unsigned int uType) {
@@ -287,10 +286,7 @@ long InterlockedCompareExchange(long volatile* Destination, long Exchange, long 
     KLOG(2, "InterlockedCompareExchange: Destination == NULL");
     return 0;
   }
-  long found = Comperand;
-  __atomic_compare_exchange_n(Destination, &found, Exchange, false, __ATOMIC_SEQ_CST,
-                              __ATOMIC_SEQ_CST);
-  return found;
+  return __sync_val_compare_and_swap(Destination, Comperand, Exchange);  // a full barrier
 }
 
 BOOL IsBadWritePtr(void* /*lp*/, unsigned int /*ucb*/) { return 0; }

@@ -99,11 +99,11 @@ static bool _started(const thread_start_t* start) {
 // given back at the end.
 class _TightTimerSlack {
  public:
-  _TightTimerSlack() : saved_(prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0)) {
-    if (saved_ > 1) prctl(PR_SET_TIMERSLACK, 1, 0, 0, 0);
+  _TightTimerSlack() : saved_(prctl(PR_GET_TIMERSLACK)) {
+    if (saved_ > 1) prctl(PR_SET_TIMERSLACK, 1UL);
   }
   ~_TightTimerSlack() {
-    if (saved_ > 1) prctl(PR_SET_TIMERSLACK, saved_, 0, 0, 0);
+    if (saved_ > 1) prctl(PR_SET_TIMERSLACK, static_cast<unsigned long>(saved_));
   }
   _TightTimerSlack(const _TightTimerSlack&) = delete;
   _TightTimerSlack& operator=(const _TightTimerSlack&) = delete;
