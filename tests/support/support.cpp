@@ -10,7 +10,6 @@
 #include <fstream>
 #include <memory>
 #include <mutex>
-#include <sstream>
 #include <thread>
 
 namespace {
@@ -19,7 +18,7 @@ std::mutex g_mutex;  // guards what follows
 std::vector<testsupport::LogLine> g_lines;
 std::function<void(const testsupport::LogLine&)> g_hook;
 std::vector<std::string> g_commands;
-std::vector<struct timeval> g_times;
+std::vector<time_t> g_times;
 std::atomic<int> g_level{7}, g_system_status{0}, g_settimeofday_result{0};
 
 // The operations whose own names begin with an underscore.
@@ -105,11 +104,11 @@ std::vector<LogLine> Log::lines() {
 
 Lines Log::take(int max_level) {
   Lines out;
-  for (const LogLine& l : lines())
+  std::lock_guard<std::mutex> lock(g_mutex);
+  for (const LogLine& l : g_lines)
     if (l.level <= max_level)
       out.push_back(std::to_string(l.level) + " " + l.function + ": " + l.text);
-  clear();
-  return out;
+  return g_lines.clear(), out;
 }
 
 std::string Log::said(int max_level) {
@@ -118,20 +117,10 @@ std::string Log::said(int max_level) {
   return out;
 }
 
-std::string Log::dump() {
-  std::ostringstream out;
-  for (const LogLine& l : lines())
-    out << "[" << l.level << "] " << l.file << ":" << l.line << " " << l.function << ": " << l.text
-        << "\n";
-  return out.str();
-}
-
 void Log::on_line(std::function<void(const LogLine&)> hook) {
   std::lock_guard<std::mutex> lock(g_mutex);
   g_hook = std::move(hook);
 }
-
-int fail_with(int error) { return errno = error, -1; }
 
 SystemRecorder::SystemRecorder(int status) {
   take();
@@ -160,7 +149,7 @@ SettimeofdayRecorder::SettimeofdayRecorder(int result) {
   commonl::sys.settimeofday = [](const struct timeval* tv, const struct timezone* tz) {
     EXPECT_TRUE(tv->tv_usec == 0 && tz == nullptr);
     std::lock_guard<std::mutex> lock(g_mutex);
-    g_times.push_back(*tv);
+    g_times.push_back(tv->tv_sec);
     // A refusal as for a process without the right to set the clock.
     return g_settimeofday_result ? fail_with(EPERM) : 0;
   };
@@ -170,7 +159,7 @@ SettimeofdayRecorder::~SettimeofdayRecorder() {
   commonl::sys.settimeofday = _unexpected_settimeofday;
 }
 
-std::vector<struct timeval> SettimeofdayRecorder::calls() const {
+std::vector<time_t> SettimeofdayRecorder::calls() const {
   std::lock_guard<std::mutex> lock(g_mutex);
   return g_times;
 }
@@ -228,7 +217,9 @@ void zone(const char* tz) {
   tzset();
 }
 
-std::string resource(const char* name) { return std::string(COMMONL_SOURCE_DIR "/resources/") + name; }
+std::string resource(const char* name) {
+  return std::string(COMMONL_SOURCE_DIR "/resources/") + name;
+}
 
 bool eventually(const std::function<bool()>& done, std::chrono::milliseconds limit) {
   auto end = std::chrono::steady_clock::now() + limit;

@@ -3,6 +3,7 @@
 // the library's fixed paths, and threads that end where a test can see it.
 #pragma once
 
+#include <errno.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -43,7 +44,6 @@ class Log {
   static Lines take(int max_level = 7);
   // The same lines, each followed by "|", in one text.
   static std::string said(int max_level = 7);
-  static std::string dump();
   // Called with each line as it is logged, on the logging thread; it may block.
   static void on_line(std::function<void(const LogLine&)> hook);
 };
@@ -68,7 +68,7 @@ class ScopedSys {
                                                                   __VA_ARGS__}
 
 // For a seam that fails: sets errno and gives -1.
-int fail_with(int error);
+inline int fail_with(int error) { return errno = error, -1; }
 
 // Records the commands given to system() and answers with `status`; nothing
 // runs. Without a recorder, system() fails the test.
@@ -87,7 +87,7 @@ class SettimeofdayRecorder {
  public:
   explicit SettimeofdayRecorder(int result = 0);
   ~SettimeofdayRecorder();
-  std::vector<struct timeval> calls() const;
+  std::vector<time_t> calls() const;  // the seconds of each call
 };
 
 // A file in a fresh scratch directory, removed with the object.
