@@ -4,7 +4,6 @@
 #include <limits.h>
 
 #include <atomic>
-#include <set>
 
 #include "KORVATime.h"
 #include "support.h"
@@ -48,7 +47,6 @@ const std::string kSudo = "sudo /usr/bin/timedatectl set-timezone ";
 
 // Each row's texts and seconds tell one offset, and its tz name selects it.
 TEST(ZoneTables, EachRowOneOffsetInEveryColumnSelectedByItsOwnName) {
-  std::set<std::string> columns[4];
   for (int i = 0; i < GMT_LOOKUP_ROWS; i++) {
     const gmt_lookup_t& row = gmt_lookup_table[i];
     char sign = 0;
@@ -60,24 +58,18 @@ TEST(ZoneTables, EachRowOneOffsetInEveryColumnSelectedByItsOwnName) {
     EXPECT_TRUE(row.id == i && tz_sec_to_korva[i].id == i && tz_sec_to_korva[i].seconds == seconds);
     EXPECT_TRUE(i > 25 || seconds == 43200 - 3600L * i) << i;  // whole hours, west to east
     EXPECT_EQ((zone(row.linux_name), timezone), seconds) << row.linux_name;
-    int c = 0;
-    for (const char* text : {row.cst, row.gmt, row.linux_name, row.description})
-      columns[c++].insert(text);
+    EXPECT_NE(row.description[0], '\0');
   }
-  for (const auto& column : columns) EXPECT_EQ(column.size(), 37u);
   EXPECT_TRUE(tz_sec_to_korva[37].seconds == 0 && tz_sec_to_korva[37].id == 0);
 }
 
 TEST(ZoneIdentity, TheStandardOffsetOfTheSystemsZoneSelectsTheRowNoRowIsLoggedAtLevel4) {
   // The zone; the row, its offset in seconds, its text, the whole hours east.
   const std::tuple<const char*, int, long, const char*, int> rows[] = {
-      {"UTC", 12, 0, "CST+0:00:00", 0},
-      {"Etc/GMT+12", 0, 43200, "CST+12:00:00", -12},
-      {"America/Toronto", 7, 18000, "CST+5:00:00", -5},
-      {"Asia/Tokyo", 21, -32400, "CST-9:00:00", 9},
+      {"UTC", 12, 0, "CST+0:00:00", 0}, {"Etc/GMT+12", 0, 43200, "CST+12:00:00", -12},
+      {"America/Toronto", 7, 18000, "CST+5:00:00", -5}, {"Japan", 21, -32400, "CST-9:00:00", 9},
       {"Asia/Kathmandu", 31, -20700, "CST-5:45:00", 5},
-      {"Pacific/Marquesas", 26, 34200, "CST+9:30:00", -9},
-      {kNoRowZone, -1, -1, "", 0}};
+      {"Pacific/Marquesas", 26, 34200, "CST+9:30:00", -9}, {kNoRowZone, -1, -1, "", 0}};
   CKORVATime t;
   for (const auto& [tz, id, seconds, cst, hours] : rows) {
     zone(tz);
@@ -138,29 +130,27 @@ TEST(Snapshot, RowTwelveUntilARefreshThenTheZoneAndTheClockAndRowZeroWithoutARow
 
 TEST(TimeConversions, LocalTimeToUtcTakesTheStandardOffsetOffUTCToLocalDstTimeAddsHoursAndDst) {
   CKORVATime t;
-  // The zone, the UTC moment and what localTimeToUtc makes of it (its second argument plays no
-  // part).
+  // The zone, the UTC moment and what localTimeToUtc makes of it (its second
+  // argument plays no part); without a row nothing is taken off.
+  const char* const ny = "America/New_York";
+  const time_t jan = utc(2026, 1, 1, 12);
   const std::tuple<const char*, time_t, const char*> to_utc[] = {
-      {"America/New_York", utc(2026, 1, 1, 12), "2026-01-01 12:00:00"},
-      {"America/New_York", utc(2026, 7, 1, 12), "2026-07-01 13:00:00"},
-      {"Asia/Kolkata", utc(2026, 1, 1, 12), "2026-01-01 12:00:00"},
-      {kNoRowZone, utc(2026, 1, 1, 12), "2026-01-02 02:00:00"},  // nothing is taken off
+      {ny, jan, "2026-01-01 12:00:00"}, {ny, utc(2026, 7, 1, 12), "2026-07-01 13:00:00"},
+      {"Asia/Kolkata", jan, "2026-01-01 12:00:00"}, {kNoRowZone, jan, "2026-01-02 02:00:00"},
       {"UTC", LONG_MAX, "1900-01-00 00:00:00"}};
   for (const auto& [tz, seconds, text] : to_utc)
     EXPECT_TRUE((zone(tz), t.localTimeToUtc(seconds, -7)) == text) << tz << " " << seconds;
   EXPECT_EQ(Log::said(), "4 GetTimeZone" + kNoMatch + "3 localTimeToUtc: localtime_r fail|");
   // The zone, the UTC text and the local text: the minutes of the offset are missing.
+  const char* const noon = "2026-01-01 12:00:00";
   const std::tuple<const char*, const char*, const char*> to_local[] = {
-      {"America/New_York", "2026-01-01 12:00:00", "2026-01-01 07:00:00"},
-      {"America/New_York", "2026-7-1 8:9:7", "2026-07-01 04:09:07"},
-      {"Asia/Kolkata", "2026-01-01 12:00:00", "2026-01-01 17:00:00"},
-      {"America/St_Johns", "2026-01-01 12:00:00", "2026-01-01 09:00:00"},
-      {kNoRowZone, "2026-01-01 12:00:00", "2026-01-01 12:00:00"}};
+      {ny, noon, "2026-01-01 07:00:00"}, {ny, "2026-7-1 8:9:7", "2026-07-01 04:09:07"},
+      {"Asia/Kolkata", noon, "2026-01-01 17:00:00"}, {kNoRowZone, noon, noon},
+      {"Canada/Newfoundland", noon, "2026-01-01 09:00:00"}};
   for (const auto& [tz, from, text] : to_local)
     EXPECT_TRUE((zone(tz), t.UTCToLocalDstTime(from)) == text) << from;
   Log::clear();
-  EXPECT_EQ((zone("America/New_York"), t.UTCToLocalDstTime("2026-07-01 12:00:00")),
-            "2026-07-01 08:00:00");
+  EXPECT_EQ((zone(ny), t.UTCToLocalDstTime("2026-07-01 12:00:00")), "2026-07-01 08:00:00");
   const std::string trace = "7 UTCToLocalDstTime: CKORVATime::", arrows = ">>>>>>>>>>>>>\n|";
   EXPECT_EQ(Log::said(), trace + "UTCToLocalDstTime() UTC=2026-07-01 12:00:00|" + trace +
                              "1currentTime=" + std::to_string(utc(2026, 7, 1, 17)) + arrows +
