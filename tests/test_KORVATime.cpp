@@ -196,56 +196,46 @@ TEST(SetTimeZone, TheRowOfTheCstTextOrAPlainTzNameSelectedThroughSudo) {
   zone(kNoRowZone);
   SystemRecorder recorder;
   CKORVATime t, other;
-  for (const char* text : {"CST+5:00:00", "CST-12:45:00"})
-    EXPECT_EQ(t.SetTimeZone(text), 1) << text;
+  for (const char* text : {"CST+5:00:00", "CST-12:45:00"}) EXPECT_EQ(t.SetTimeZone(text), 1);
   for (const char* name : {"Mars/Olympus", "America/Port-au-Prince", "Etc/GMT+12"})
     EXPECT_EQ(t.SetTimeZoneByLinuxName(name), 1) << name;
-  EXPECT_EQ(recorder.take(),
-            (Lines{kSudo + "US/Eastern", kSudo + "Pacific/Chatham", kSudo + "Mars/Olympus",
-                   kSudo + "America/Port-au-Prince", kSudo + "Etc/GMT+12"}));
+  EXPECT_EQ(recorder.take(), (Lines{kSudo + "US/Eastern", kSudo + "Pacific/Chatham", kSudo +
+                                    "Mars/Olympus", kSudo + "America/Port-au-Prince", kSudo +
+                                    "Etc/GMT+12"}));
   // Each success refreshed the snapshot, which found no row: success all the same.
-  EXPECT_TRUE(Log::take(3) == Lines(5, "3 GetDateTimeSettings: Invalid timezone") &&
-              t.TimeZoneId == 0);
-  for (const char* text : {"GMT-05:00", "CST+05:00:00", (const char*)nullptr})
-    EXPECT_EQ(t.SetTimeZone(text), 0);
-  for (const char* name : {"UTC; reboot", "$(x)", "a\n", "", "-Mx", "../x*", (const char*)nullptr})
+  EXPECT_TRUE(Log::take(3) == Lines(5, "3 GetDateTimeSettings: Invalid timezone") && !t.TimeZoneId);
+  std::string want;
+  for (const char* text : {"GMT-05:00", "CST+05:00:00"})
+    want += std::string("3 SetTimeZone: SetTimeZone: could not find match for ") + text + "|";
+  EXPECT_TRUE(!t.SetTimeZone("GMT-05:00") && !t.SetTimeZone("CST+05:00:00") && !t.SetTimeZone(0));
+  want += "2 SetTimeZone: KORVA Assert|";
+  for (const char* name : {"UTC; reboot", "$(x)", "a\n", "", "-Mx", "../x*"}) {
     EXPECT_EQ(t.SetTimeZoneByLinuxName(name), 0);
-  EXPECT_TRUE(recorder.take().empty() &&
-              (recorder.set_status(1), !other.SetTimeZone("CST-5:30:00")));
-  EXPECT_TRUE(!other.SetTimeZoneByLinuxName("Asia/Kolkata") &&
-              other.TimeZoneId == 12);  // no refresh
-  const std::string no_match = "3 SetTimeZone: SetTimeZone: could not find match for ",
-                    bad =
-                        "3 SetTimeZoneByLinuxName: SetTimeZoneByLinuxName: not a time zone name: ",
-                    failed = " system fail to set TZ for ",
-                    command = "Command: " + kSudo + "Asia/Kolkata|";
-  EXPECT_EQ(Log::said(), no_match + "GMT-05:00|" + no_match +
-                             "CST+05:00:00|2 SetTimeZone: KORVA Assert|" + bad + "UTC; reboot|" +
-                             bad + "$(x)|" + bad + "a\n|" + bad + "|" + bad + "-Mx|" + bad +
-                             "../x*|2 SetTimeZoneByLinuxName: KORVA Assert|3 SetTimeZone: "
-                             "SetTimeZone:" +
-                             failed + "CST-5:30:00|3 SetTimeZone: " + command +
-                             "3 "
-                             "SetTimeZoneByLinuxName: SetTimeZoneByLinuxName:" +
-                             failed +
-                             "Asia/Kolkata|"
-                             "3 SetTimeZoneByLinuxName: " +
-                             command);
+    want += "3 SetTimeZoneByLinuxName: SetTimeZoneByLinuxName: not a time zone name: " +
+            std::string(name) + "|";
+  }
+  EXPECT_TRUE(!t.SetTimeZoneByLinuxName(nullptr) && recorder.take().empty());
+  want += "2 SetTimeZoneByLinuxName: KORVA Assert|";
+  recorder.set_status(1);
+  EXPECT_TRUE(!other.SetTimeZone("CST-5:30:00") && !other.SetTimeZoneByLinuxName("Asia/Kolkata"));
+  for (const auto& [op, arg] : {std::pair{std::string("SetTimeZone"), "CST-5:30:00"},
+                                {"SetTimeZoneByLinuxName", "Asia/Kolkata"}})
+    want += "3 " + op + ": " + op + ": system fail to set TZ for " + arg + "|3 " + op +
+            ": Command: " + kSudo + "Asia/Kolkata|";
+  EXPECT_TRUE(Log::said() == want && other.TimeZoneId == 12);  // no refresh
 }
 
 TEST(NotImplemented, ReportAtLevel2WithoutAskingTheLevelLeaveTheArgumentsAndReturn0) {
   CKORVATime t;
-  Log::set_level(0);
   std::string setting = "untouched";
   int v[9] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
-  EXPECT_EQ(t.ChangeManualTimeSetting(setting) + t.IsInDSTScope("2026-07-01 12:00:00") +
-                t.GetDSTTime(v[0], v[1], v[2], v[3], v[4], v[5], v[6], v[7], v[8]),
-            0);
-  EXPECT_TRUE(setting == "untouched" &&
-              std::vector<int>(v, v + 9) == (std::vector<int>{1, 2, 3, 4, 5, 6, 7, 8, 9}));
+  EXPECT_EQ(t.ChangeManualTimeSetting((Log::set_level(0), setting)) + t.IsInDSTScope("x") +
+                t.GetDSTTime(v[0], v[1], v[2], v[3], v[4], v[5], v[6], v[7], v[8]), 0);
+  EXPECT_EQ(setting + std::to_string(v[0] + v[1] * 2 + v[2] * 3 + v[3] * 4 + v[4] * 5 + v[5] * 6 +
+                                     v[6] * 7 + v[7] * 8 + v[8] * 9), "untouched285");
   const std::string dst = "2 GetDSTTime: GetDSTTime: Not Implemented.|";
-  EXPECT_EQ(Log::said(),
-            "2 ChangeManualTimeSetting: ChangeManualTimeSetting: Not Implemented.|" + dst + dst);
+  EXPECT_EQ(Log::said(), "2 ChangeManualTimeSetting: ChangeManualTimeSetting: Not Implemented.|" +
+                             dst + dst);
   EXPECT_TRUE((Log::set_level(7), t.IsInDSTScope("")) == 0);
   EXPECT_EQ(Log::said(), dst + "7 IsInDSTScope: CKORVATime::GetDSTTime() failed.|");
 }
