@@ -165,8 +165,8 @@ TEST(HwCatalogueLoad, AFailedLoadIsFinalUntilAResetConcurrentFirstCallsShareOneL
   EXPECT_EQ(Log::lines().at(1).format, "Empty hw-models file: %s");
   file.write(kExample);  // repaired: no effect
   EXPECT_FALSE(GetHwBrands(file.path().c_str()) || isPoESupported("NV-4000", file.path().c_str()));
-  EXPECT_EQ(Log::said(), "2 GetHwBrands: GetHwBrands: path == NULL|3 parse: Empty hw-models file: " +
-                             file.path() + "|");
+  EXPECT_EQ(Log::said(), "2 GetHwBrands: GetHwBrands: path == NULL|3 parse: Empty hw-models "
+                         "file: " + file.path() + "|");
   for (const char* path : {"/nonexistent/hw-models.conf", file.path().c_str()}) {
     commonl::catalogue_reset();
     std::vector<const CHwBrands*> seen(8, nullptr);
