@@ -342,10 +342,11 @@ bool CKORVATime::GetSystemTime(std::string& localTime, std::string& timeZone) {
 
 std::string CKORVATime::localTimeToUtc(long seconds, int) {
   std::string zone = GetTimeZone();
-  char sign = 0;
+  char sign;
   int hours, minutes;
-  if (sscanf(zone.c_str(), "CST%c%02d:%02d", &sign, &hours, &minutes) != 3) hours = minutes = 0;
-  if (sign == '+') {
+  if (sscanf(zone.c_str(), "CST%c%02d:%02d", &sign, &hours, &minutes) != 3) {
+    hours = minutes = 0;
+  } else if (sign == '+') {
     hours = -hours;
     minutes = -minutes;
   }

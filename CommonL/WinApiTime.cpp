@@ -198,8 +198,7 @@ BOOL SystemTimeToFileTime(_SYSTEMTIME const* lpSystemTime, _FILETIME* lpFileTime
   tm.tm_hour = lpSystemTime->wHour;
   tm.tm_mday = lpSystemTime->wDay;
   tm.tm_mon = lpSystemTime->wMonth - 1;
-  tm.tm_year = lpSystemTime->wYear - 1900;
-  tm.tm_wday = lpSystemTime->wDayOfWeek;
+  tm.tm_year = lpSystemTime->wYear - 1900;  // the day of the week plays no part in timegm
   // Negative seconds (1900 to 1969) wrap, and adding the epoch brings the
   // sum back to the right count.
   uint64_t seconds = static_cast<uint64_t>(timegm(&tm));

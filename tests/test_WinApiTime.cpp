@@ -149,7 +149,7 @@ TEST(FileTime, EpochSecondsAndRecordsTruncatedAndWrappedBeforeTheEpochAndFieldBy
 TEST(GetLocalTimeAndGetSystemTime, TheMillisecondOfTheMicrosecondsAndFailuresLeaveTheRecord) {
   zone(kEast);
   Clocks clocks;
-  g_wall_clock = {1700000000, 123999};
+  g_wall_clock = {1700000000, 1123999};  // the milliseconds are taken modulo 1000
   SYSTEMTIME utc, local;
   const std::string now = "2023-11-14 (2) 22:13:20.123 2023-11-14 (2) 23:13:20.123";
   GetSystemTime(&utc), GetLocalTime(&local);
@@ -193,7 +193,7 @@ TEST(LocalTime, FileTimesOnBothSidesOfTheEarlyLimitAndEpochsWithDaylightSaving) 
   for (const auto& [tz, count, local, utc] : rows) {
     FILETIME in = ft_of(count), out = ft_of(0), back = ft_of(0);
     zone(tz);
-    EXPECT_TRUE(FileTimeToLocalFileTime(&in, &out) && LocalFileTimeToFileTime(&in, &back));
+    EXPECT_EQ(FileTimeToLocalFileTime(&in, &out) + LocalFileTimeToFileTime(&in, &back), 2);
     EXPECT_TRUE(count_of(out) == local && count_of(back) == utc) << tz << " " << count;
   }
   for (const auto& [utc, local] : {std::pair{1625133600L, 1625133600L + 7200}, {1610712000L,
