@@ -1,6 +1,5 @@
 // Handle records: creation, reference counting, the closes of every kind,
 // DuplicateHandle, the process and thread handles, and the last error.
-#include <gtest/gtest.h>
 #include <malloc.h>
 #include <unistd.h>
 

@@ -1,7 +1,6 @@
 // The hardware catalogue. It loads once per process (ctest runs each case in
 // a process of its own); the grammar is read through commonl::catalogue_reset,
 // which gives each file a first load of its own.
-#include <gtest/gtest.h>
 
 #include <stdexcept>
 

@@ -1,7 +1,5 @@
 // The list of time zone names, the selected zone from /etc/timezone and
 // selecting a zone by key.
-#include <gtest/gtest.h>
-#include <limits.h>
 #include <sys/stat.h>
 
 #include "support.h"

@@ -1,9 +1,5 @@
 // CKORVATime, its tables and its text utilities. Each test selects the zone
 // of this process through TZ and fixes the clock through the time() seam.
-#include <gtest/gtest.h>
-#include <limits.h>
-
-#include <atomic>
 
 #include "KORVATime.h"
 #include "support.h"

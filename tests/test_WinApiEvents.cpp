@@ -1,13 +1,10 @@
 // Events, the name dictionaries, mutexes, the wait engine and waitable
 // timers.
-#include <gtest/gtest.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <filesystem>
 
-#include "WinApiTime.h"
 #include "checkers.h"
 #include "support.h"
 

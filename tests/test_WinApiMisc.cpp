@@ -1,5 +1,4 @@
 // The system information file, the alarm sound and the small Win32 calls.
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <set>

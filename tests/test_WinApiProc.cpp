@@ -1,11 +1,9 @@
 // Semaphores, threads and their start handshake, priorities, commands, the
 // process and its user.
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 
-#include <atomic>
 #include <thread>
 
 #include "support.h"

@@ -1,12 +1,9 @@
 // Tick counters, the present time as a FILETIME, the Win32 time records and
 // their conversions.
 #include <errno.h>
-#include <gtest/gtest.h>
-#include <limits.h>
 
 #include <map>
 
-#include "WinApiTime.h"
 #include "support.h"
 
 using namespace testsupport;

@@ -4,11 +4,11 @@
 #   1. Configure with the search pointed at an empty root stops, with one line
 #      per missing dependency that names its Debian package.
 #   2. `cmake --install` into a scratch prefix; the installed commonl tool
-#      runs, and the consumer is built there with find_package(CommonL) and
+#      runs, and examples/application is built there with find_package(CommonL) and
 #      with pkg-config, and runs.
 #   3. COMMONL_LOGGER=system: a recorder's CommonL linked against a logger
-#      installed in a prefix of its own; the consumer runs with both.
-#   4. The Debian packages: their fields and files, then the consumer built
+#      installed in a prefix of its own; the application runs with both.
+#   4. The Debian packages: their fields and files, then the application built
 #      against them unpacked into a scratch root, and run; the tool too.
 # Usage: tests/packaging/run.sh BUILD_DIR PACKAGE_DIR
 #   BUILD_DIR    a configured and built tree (COMMONL_LOGGER=standin)
@@ -17,12 +17,12 @@ set -euo pipefail
 source_dir=$(cd "$(dirname "$0")/../.." && pwd)
 build_dir=$(cd "$1" && pwd)
 package_dir=$(cd "$2" && pwd)
-consumer=$source_dir/tests/packaging/consumer
+consumer=$source_dir/examples/application
 strict=(-std=c++17 -Wall -Wextra -Wpedantic -Werror)
 
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
-# Nothing from the caller's environment may help a consumer find CommonL.
+# Nothing from the caller's environment may help the application find CommonL.
 unset LD_LIBRARY_PATH CMAKE_PREFIX_PATH PKG_CONFIG_PATH PKG_CONFIG_LIBDIR PKG_CONFIG_SYSROOT_DIR
 
 step() { echo "--- $*"; }
@@ -45,7 +45,7 @@ expect_in() {
 run_from() {
   local program=$1 commonl_dir=$2 logger_dir=$3 out
   out=$("$program") || fail "$program did not run"
-  expect_in "$out" "consumer: CommonL 1.0.0"
+  expect_in "$out" "application: CommonL 1.0.0"
   local loaded
   loaded=$(ldd "$program")
   expect_in "$loaded" "libCommonL.so.1 => $commonl_dir/libCommonL.so.1" \
@@ -53,7 +53,7 @@ run_from() {
   echo "$out"
 }
 
-# cmake_consumer DIR PREFIX [cmake options...]: builds the consumer with
+# cmake_consumer DIR PREFIX [cmake options...]: builds examples/application with
 # find_package(CommonL) against PREFIX and checks that it was PREFIX's package.
 cmake_consumer() {
   local dir=$1 prefix=$2
@@ -93,13 +93,13 @@ expect_in "$("$prefix/bin/commonl" --version)" "commonl 1.0.0"
 # Its run path, $ORIGIN/../lib, as the loader spells it out.
 expect_in "$(ldd "$prefix/bin/commonl")" "libCommonL.so.1 => $prefix/bin/../lib/libCommonL.so.1"
 
-step "consumer with find_package(CommonL)"
+step "examples/application with find_package(CommonL)"
 cmake_consumer "$scratch/consumer-cmake" "$prefix"
-run_from "$scratch/consumer-cmake/consumer" "$libdir" "$libdir"
+run_from "$scratch/consumer-cmake/application" "$libdir" "$libdir"
 
-step "consumer with pkg-config"
+step "examples/application with pkg-config"
 export PKG_CONFIG_LIBDIR=$libdir/pkgconfig
-g++ "${strict[@]}" "$consumer/consumer.cpp" -o "$scratch/consumer-pc" \
+g++ "${strict[@]}" "$consumer/application.cpp" -o "$scratch/consumer-pc" \
   $(pkg-config --cflags --libs commonl) -Wl,-rpath,"$(pkg-config --variable=libdir commonl)"
 unset PKG_CONFIG_LIBDIR
 run_from "$scratch/consumer-pc" "$libdir" "$libdir"
@@ -119,7 +119,7 @@ cmake --install "$scratch/build-system" >/dev/null
 recorder_libdir=$(dirname "$(find "$recorder" -name libCommonL.so.1)")
 logger_libdir=$(dirname "$(find "$logger_prefix" -name libkorvalogger-qmt.so)")
 cmake_consumer "$scratch/consumer-system" "$recorder"
-run_from "$scratch/consumer-system/consumer" "$recorder_libdir" "$logger_libdir"
+run_from "$scratch/consumer-system/application" "$recorder_libdir" "$logger_libdir"
 
 step "the Debian packages"
 debs=("$package_dir"/*.deb)
@@ -159,16 +159,16 @@ expect_in "$("$loader" --library-path "$root_libdir" "$root/usr/bin/commonl" --v
 # The unpacked root stands in for /usr, where the loader looks of itself. A
 # DT_RPATH (unlike a DT_RUNPATH) also serves libCommonL.so's own needs.
 root_rpath=(-Wl,--disable-new-dtags -Wl,-rpath,"$root_libdir")
-step "consumer with pkg-config against the unpacked packages"
+step "examples/application with pkg-config against the unpacked packages"
 export PKG_CONFIG_LIBDIR=$root_libdir/pkgconfig PKG_CONFIG_SYSROOT_DIR=$root
-g++ "${strict[@]}" "$consumer/consumer.cpp" -o "$scratch/consumer-deb-pc" \
+g++ "${strict[@]}" "$consumer/application.cpp" -o "$scratch/consumer-deb-pc" \
   $(pkg-config --cflags --libs commonl) "${root_rpath[@]}"
 unset PKG_CONFIG_LIBDIR PKG_CONFIG_SYSROOT_DIR
 run_from "$scratch/consumer-deb-pc" "$root_libdir" "$root_libdir"
 
-step "consumer with find_package(CommonL) against the unpacked packages"
+step "examples/application with find_package(CommonL) against the unpacked packages"
 cmake_consumer "$scratch/consumer-deb-cmake" "$root/usr" \
   -DCMAKE_EXE_LINKER_FLAGS="${root_rpath[*]}"
-run_from "$scratch/consumer-deb-cmake/consumer" "$root_libdir" "$root_libdir"
+run_from "$scratch/consumer-deb-cmake/application" "$root_libdir" "$root_libdir"
 
 echo "packaging test passed"

@@ -11,6 +11,7 @@
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 namespace {
 
@@ -138,9 +139,7 @@ void SystemRecorder::set_status(int status) { g_system_status = status; }
 
 Lines SystemRecorder::take() {
   std::lock_guard<std::mutex> lock(g_mutex);
-  Lines commands;
-  commands.swap(g_commands);
-  return commands;
+  return std::exchange(g_commands, {});
 }
 
 SettimeofdayRecorder::SettimeofdayRecorder(int result) {

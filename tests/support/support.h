@@ -4,14 +4,18 @@
 #pragma once
 
 #include <errno.h>
+#include <gtest/gtest.h>
+#include <limits.h>
 #include <sys/types.h>
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
 
 #include "CommonL.h"
+#include "WinApiTime.h"
 #include "internal.h"
 
 namespace testsupport {

@@ -1,6 +1,7 @@
-// A program built against an installed CommonL, as an application is: the
+// An application of CommonL's, built against an installed CommonL: the
 // header by its installed name, a signal across threads, a time-out, a C
-// call, and the version it compiled against.
+// call, and the version it compiled against. Copy this directory to start
+// one of your own.
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -13,7 +14,7 @@ static unsigned int signal_it(void* event) {
 }
 
 static int fail(const char* what) {
-  fprintf(stderr, "consumer: %s\n", what);
+  fprintf(stderr, "application: %s\n", what);
   return 1;
 }
 
@@ -35,6 +36,6 @@ int main() {
   if (zone == NULL || strcmp(zone, "UTC") != 0) return fail("TZ__get_name");
   free(zone);
 
-  printf("consumer: CommonL %s\n", COMMONL_VERSION);
+  printf("application: CommonL %s\n", COMMONL_VERSION);
   return 0;
 }
