@@ -230,13 +230,11 @@ static bool parse(const char* path) {
 }
 
 // After an allocation failure in the load: a later call reads the file again
-// from the state at load, not on top of the half-built records.
+// from the state at load, not on top of the half-built records. (The brand,
+// model and NIC being read start afresh at their own opening brace.)
 static void _forget_partial_load() {
   allBrands.Brands.clear();
-  currentBrand = CHwBrand();
-  currentModel = CHwModel();
   allNics.Nics.clear();
-  currentNic = CHwNic();
   last_key.clear();
   tree_state = TREE_TOP;
 }

@@ -120,8 +120,9 @@ TEST(HwCatalogue, EachFileLoadsAsTheGrammarReadsItOrFailsWhole) {
       {closed_levels(), ""},
       {R"({"Brands":[{"Models":[{"Model":"A"}]},{"Models":[{"Model":"B","x":"y"}]}]})",
        kField + "y, last_key: x, tree_state = 4|" + kRefused + "16|"},
-      {R"({"Brands":[{"Models":[{"PoE":"yes"}]}]})",
+      {R"({"Brands":[{"Models":[{"NICs":[{"name":"e"}],"PoE":"yes"}]}]})",
        kField + "yes, last_key: PoE, tree_state = 4|" + kRefused + "16|"},
+      {R"({"x":"s","Brands":[{"Models":[{}]}]})", "[]| 0   0 |"},  // nothing left from before
       {R"({"Brands":[{"Models":[{"NICs":[{"name":"e","speed":"1G"}]}]}]})",
        kField + "1G, last_key: speed, tree_state = 6|" + kRefused + "16|"},
       {R"({"Brands":[{"Models":[{"Tags":[]}]}]})",
