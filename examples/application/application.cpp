@@ -1,4 +1,4 @@
-// An application of CommonL's, built against an installed CommonL: the
+// A small application built against an installed CommonL: the
 // header by its installed name, a signal across threads, a time-out, a C
 // call, and the version it compiled against. Copy this directory to start
 // one of your own.
